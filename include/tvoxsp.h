@@ -1,0 +1,15 @@
+/*
+ * libtvoxsp: speaker-protection support for the "T" (top) and "B" (bottom) smart amplifiers.
+ * The whole exported interface, one header per family of functions.
+ */
+#ifndef TVOXSP_H
+#define TVOXSP_H
+
+#include "tvoxsp/context.h"
+#include "tvoxsp/util.h"
+#include "tvoxsp/mixer.h"
+#include "tvoxsp/calibration.h"
+#include "tvoxsp/storage.h"
+#include "tvoxsp/playback.h"
+
+#endif /* TVOXSP_H */
