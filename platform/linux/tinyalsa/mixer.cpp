@@ -1,0 +1,477 @@
+// The mixer half of tinyalsa over alsa-lib's control interface.
+//
+// Real cards carry thousands of controls, so opening only lists their ids; a control's details
+// (info, enum item names) are fetched the first time they are needed, and lookups by name compare
+// the names of that list without asking the device anything.
+#include <tinyalsa/asoundlib.h>
+
+#include <alsa/asoundlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "alsa_names.h"
+
+using tinyalsa::AlsaPtr;
+
+namespace
+{
+
+void free_list(snd_ctl_elem_list_t *list)
+{
+    snd_ctl_elem_list_free_space(list);
+    snd_ctl_elem_list_free(list);
+}
+
+using CtlPtr = AlsaPtr<snd_ctl_t, snd_ctl_close>;
+using ListPtr = AlsaPtr<snd_ctl_elem_list_t, free_list>;
+using InfoPtr = AlsaPtr<snd_ctl_elem_info_t, snd_ctl_elem_info_free>;
+using IdPtr = AlsaPtr<snd_ctl_elem_id_t, snd_ctl_elem_id_free>;
+using ValuePtr = AlsaPtr<snd_ctl_elem_value_t, snd_ctl_elem_value_free>;
+
+// A TLV container starts with two 32-bit words: tag and payload length.
+constexpr size_t tlv_header_size = 2 * sizeof(unsigned int);
+
+} // namespace
+
+struct mixer_ctl {
+    struct mixer *owner = nullptr;
+    unsigned int index = 0;
+    InfoPtr info;                        // fetched on first use
+    std::vector<std::string> enum_names; // fetched on first use, ENUM controls only
+    bool enum_names_loaded = false;
+};
+
+struct mixer {
+    CtlPtr handle;
+    ListPtr list;
+    std::vector<mixer_ctl> ctls;
+};
+
+namespace
+{
+
+IdPtr list_id(const mixer_ctl &ctl)
+{
+    snd_ctl_elem_id_t *raw = nullptr;
+    if (snd_ctl_elem_id_malloc(&raw) < 0)
+        return nullptr;
+    IdPtr id(raw);
+    snd_ctl_elem_list_get_id(ctl.owner->list.get(), ctl.index, id.get());
+    return id;
+}
+
+// The control's info, fetched from the device on first use; null when the device refuses.
+snd_ctl_elem_info_t *info_of(mixer_ctl *ctl)
+{
+    if (ctl == nullptr)
+        return nullptr;
+    if (ctl->info)
+        return ctl->info.get();
+    IdPtr id = list_id(*ctl);
+    snd_ctl_elem_info_t *raw = nullptr;
+    if (!id || snd_ctl_elem_info_malloc(&raw) < 0)
+        return nullptr;
+    InfoPtr info(raw);
+    snd_ctl_elem_info_set_id(info.get(), id.get());
+    if (snd_ctl_elem_info(ctl->owner->handle.get(), info.get()) < 0)
+        return nullptr;
+    ctl->info = std::move(info);
+    return ctl->info.get();
+}
+
+IdPtr info_id(const snd_ctl_elem_info_t *info)
+{
+    snd_ctl_elem_id_t *raw = nullptr;
+    if (snd_ctl_elem_id_malloc(&raw) < 0)
+        return nullptr;
+    IdPtr id(raw);
+    snd_ctl_elem_info_get_id(info, id.get());
+    return id;
+}
+
+// An empty value record addressed to the control.
+ValuePtr new_value(const snd_ctl_elem_info_t *info)
+{
+    IdPtr id = info_id(info);
+    snd_ctl_elem_value_t *raw = nullptr;
+    if (!id || snd_ctl_elem_value_malloc(&raw) < 0)
+        return nullptr;
+    ValuePtr value(raw);
+    snd_ctl_elem_value_set_id(value.get(), id.get());
+    return value;
+}
+
+// Reads the control's current values into `value`; 0 or a negative errno.
+int read_value(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, ValuePtr &value)
+{
+    value = new_value(info);
+    if (!value)
+        return -ENOMEM;
+    int err = snd_ctl_elem_read(ctl->owner->handle.get(), value.get());
+    return err < 0 ? err : 0;
+}
+
+int write_value(mixer_ctl *ctl, snd_ctl_elem_value_t *value)
+{
+    int err = snd_ctl_elem_write(ctl->owner->handle.get(), value);
+    return err < 0 ? err : 0;
+}
+
+bool is_tlv_rw(const snd_ctl_elem_info_t *info)
+{
+    return snd_ctl_elem_info_is_tlv_readable(info) || snd_ctl_elem_info_is_tlv_writable(info);
+}
+
+// A TLV container as alsa-lib wants it: whole 32-bit words, never shorter than the header.
+std::vector<unsigned int> tlv_words(size_t bytes)
+{
+    return std::vector<unsigned int>((std::max(bytes, tlv_header_size) + 3) / sizeof(unsigned int));
+}
+
+int tlv_read(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, void *array, size_t count)
+{
+    IdPtr id = info_id(info);
+    if (!id)
+        return -ENOMEM;
+    std::vector<unsigned int> tlv = tlv_words(count);
+    int err = snd_ctl_elem_tlv_read(ctl->owner->handle.get(), id.get(), tlv.data(),
+                                    static_cast<unsigned int>(tlv.size() * sizeof(unsigned int)));
+    if (err < 0)
+        return err;
+    std::memcpy(array, tlv.data(), count);
+    return 0;
+}
+
+int tlv_write(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, const void *array, size_t count)
+{
+    if (count < tlv_header_size)
+        return -EINVAL;
+    std::vector<unsigned int> tlv = tlv_words(count);
+    std::memcpy(tlv.data(), array, count);
+    // alsa-lib sends as many bytes as the container's length word announces: it must not
+    // announce more than the caller handed over.
+    if (tlv[1] > count - tlv_header_size)
+        return -EINVAL;
+    IdPtr id = info_id(info);
+    if (!id)
+        return -ENOMEM;
+    int err = snd_ctl_elem_tlv_write(ctl->owner->handle.get(), id.get(), tlv.data());
+    return err < 0 ? err : 0;
+}
+
+const std::vector<std::string> *enum_names_of(mixer_ctl *ctl)
+{
+    snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_ENUMERATED)
+        return nullptr;
+    if (!ctl->enum_names_loaded) {
+        const unsigned int items = snd_ctl_elem_info_get_items(info);
+        std::vector<std::string> names;
+        names.reserve(items);
+        for (unsigned int item = 0; item < items; ++item) {
+            snd_ctl_elem_info_set_item(info, item);
+            if (snd_ctl_elem_info(ctl->owner->handle.get(), info) < 0)
+                return nullptr;
+            names.emplace_back(snd_ctl_elem_info_get_item_name(info));
+        }
+        ctl->enum_names = std::move(names);
+        ctl->enum_names_loaded = true;
+    }
+    return &ctl->enum_names;
+}
+
+} // namespace
+
+extern "C" {
+
+struct mixer *mixer_open(unsigned int card)
+{
+    const std::string name = tinyalsa::control_name(card);
+    snd_ctl_t *raw_handle = nullptr;
+    if (snd_ctl_open(&raw_handle, name.c_str(), 0) < 0)
+        return nullptr;
+    CtlPtr handle(raw_handle);
+
+    snd_ctl_elem_list_t *raw_list = nullptr;
+    if (snd_ctl_elem_list_malloc(&raw_list) < 0)
+        return nullptr;
+    ListPtr list(raw_list);
+    // The first call learns the count, the second fills the ids.
+    if (snd_ctl_elem_list(handle.get(), list.get()) < 0)
+        return nullptr;
+    const unsigned int count = snd_ctl_elem_list_get_count(list.get());
+    if (snd_ctl_elem_list_alloc_space(list.get(), count) < 0 ||
+        snd_ctl_elem_list(handle.get(), list.get()) < 0)
+        return nullptr;
+
+    auto *result = new mixer{std::move(handle), std::move(list), {}};
+    const unsigned int used = snd_ctl_elem_list_get_used(result->list.get());
+    result->ctls.resize(used);
+    for (unsigned int i = 0; i < used; ++i) {
+        result->ctls[i].owner = result;
+        result->ctls[i].index = i;
+    }
+    return result;
+}
+
+void mixer_close(struct mixer *mixer)
+{
+    delete mixer;
+}
+
+unsigned int mixer_get_num_ctls(struct mixer *mixer)
+{
+    return mixer == nullptr ? 0 : static_cast<unsigned int>(mixer->ctls.size());
+}
+
+struct mixer_ctl *mixer_get_ctl(struct mixer *mixer, unsigned int id)
+{
+    if (mixer == nullptr || id >= mixer->ctls.size())
+        return nullptr;
+    return &mixer->ctls[id];
+}
+
+struct mixer_ctl *mixer_get_ctl_by_name(struct mixer *mixer, const char *name)
+{
+    if (mixer == nullptr || name == nullptr)
+        return nullptr;
+    for (mixer_ctl &ctl : mixer->ctls) {
+        if (std::strcmp(snd_ctl_elem_list_get_name(mixer->list.get(), ctl.index), name) == 0)
+            return &ctl;
+    }
+    return nullptr;
+}
+
+const char *mixer_ctl_get_name(struct mixer_ctl *ctl)
+{
+    if (ctl == nullptr)
+        return nullptr;
+    return snd_ctl_elem_list_get_name(ctl->owner->list.get(), ctl->index);
+}
+
+enum mixer_ctl_type mixer_ctl_get_type(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr)
+        return MIXER_CTL_TYPE_UNKNOWN;
+    switch (snd_ctl_elem_info_get_type(info)) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+        return MIXER_CTL_TYPE_BOOL;
+    case SND_CTL_ELEM_TYPE_INTEGER:
+        return MIXER_CTL_TYPE_INT;
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+        return MIXER_CTL_TYPE_ENUM;
+    case SND_CTL_ELEM_TYPE_BYTES:
+        return MIXER_CTL_TYPE_BYTE;
+    case SND_CTL_ELEM_TYPE_IEC958:
+        return MIXER_CTL_TYPE_IEC958;
+    case SND_CTL_ELEM_TYPE_INTEGER64:
+        return MIXER_CTL_TYPE_INT64;
+    default:
+        return MIXER_CTL_TYPE_UNKNOWN;
+    }
+}
+
+const char *mixer_ctl_get_type_string(struct mixer_ctl *ctl)
+{
+    switch (mixer_ctl_get_type(ctl)) {
+    case MIXER_CTL_TYPE_BOOL:
+        return "BOOL";
+    case MIXER_CTL_TYPE_INT:
+        return "INT";
+    case MIXER_CTL_TYPE_ENUM:
+        return "ENUM";
+    case MIXER_CTL_TYPE_BYTE:
+        return "BYTE";
+    case MIXER_CTL_TYPE_IEC958:
+        return "IEC958";
+    case MIXER_CTL_TYPE_INT64:
+        return "INT64";
+    default:
+        return "Unknown";
+    }
+}
+
+unsigned int mixer_ctl_get_num_values(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    return info == nullptr ? 0 : snd_ctl_elem_info_get_count(info);
+}
+
+unsigned int mixer_ctl_get_num_enums(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_ENUMERATED)
+        return 0;
+    return snd_ctl_elem_info_get_items(info);
+}
+
+const char *mixer_ctl_get_enum_string(struct mixer_ctl *ctl, unsigned int enum_id)
+{
+    const std::vector<std::string> *names = enum_names_of(ctl);
+    if (names == nullptr || enum_id >= names->size())
+        return nullptr;
+    return (*names)[enum_id].c_str();
+}
+
+int mixer_ctl_get_range_min(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_INTEGER)
+        return -EINVAL;
+    return static_cast<int>(snd_ctl_elem_info_get_min(info));
+}
+
+int mixer_ctl_get_range_max(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_INTEGER)
+        return -EINVAL;
+    return static_cast<int>(snd_ctl_elem_info_get_max(info));
+}
+
+int mixer_ctl_is_access_tlv_rw(struct mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    return info != nullptr && is_tlv_rw(info) ? 1 : 0;
+}
+
+int mixer_ctl_get_value(struct mixer_ctl *ctl, unsigned int id)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
+        return -EINVAL;
+    ValuePtr value;
+    if (int err = read_value(ctl, info, value); err < 0)
+        return err;
+    switch (snd_ctl_elem_info_get_type(info)) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+        return snd_ctl_elem_value_get_boolean(value.get(), id) != 0 ? 1 : 0;
+    case SND_CTL_ELEM_TYPE_INTEGER:
+        return static_cast<int>(snd_ctl_elem_value_get_integer(value.get(), id));
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+        return static_cast<int>(snd_ctl_elem_value_get_enumerated(value.get(), id));
+    case SND_CTL_ELEM_TYPE_BYTES:
+        return snd_ctl_elem_value_get_byte(value.get(), id);
+    default:
+        return -EINVAL;
+    }
+}
+
+int mixer_ctl_set_value(struct mixer_ctl *ctl, unsigned int id, int value)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
+        return -EINVAL;
+    // Read, change one element, write back: the other elements keep their values.
+    ValuePtr current;
+    if (int err = read_value(ctl, info, current); err < 0)
+        return err;
+    switch (snd_ctl_elem_info_get_type(info)) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+        snd_ctl_elem_value_set_boolean(current.get(), id, value != 0 ? 1 : 0);
+        break;
+    case SND_CTL_ELEM_TYPE_INTEGER:
+        snd_ctl_elem_value_set_integer(current.get(), id, value);
+        break;
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+        snd_ctl_elem_value_set_enumerated(current.get(), id, static_cast<unsigned int>(value));
+        break;
+    case SND_CTL_ELEM_TYPE_BYTES:
+        snd_ctl_elem_value_set_byte(current.get(), id, static_cast<unsigned char>(value));
+        break;
+    default:
+        return -EINVAL;
+    }
+    return write_value(ctl, current.get());
+}
+
+int mixer_ctl_get_array(struct mixer_ctl *ctl, void *array, size_t count)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || array == nullptr || count == 0)
+        return -EINVAL;
+    const size_t size = snd_ctl_elem_info_get_count(info);
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+    if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info)) {
+        if (count > size + tlv_header_size)
+            return -EINVAL;
+        return tlv_read(ctl, info, array, count);
+    }
+    if (count > size)
+        return -EINVAL;
+    if (type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_INTEGER &&
+        type != SND_CTL_ELEM_TYPE_BYTES)
+        return -EINVAL;
+    ValuePtr value;
+    if (int err = read_value(ctl, info, value); err < 0)
+        return err;
+    if (type == SND_CTL_ELEM_TYPE_BYTES) {
+        std::memcpy(array, snd_ctl_elem_value_get_bytes(value.get()), count);
+        return 0;
+    }
+    auto *ints = static_cast<int *>(array);
+    for (size_t i = 0; i < count; ++i)
+        ints[i] = static_cast<int>(snd_ctl_elem_value_get_integer(value.get(), i));
+    return 0;
+}
+
+int mixer_ctl_set_array(struct mixer_ctl *ctl, const void *array, size_t count)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    if (info == nullptr || array == nullptr || count == 0)
+        return -EINVAL;
+    const size_t size = snd_ctl_elem_info_get_count(info);
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+    if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info)) {
+        if (count > size + tlv_header_size)
+            return -EINVAL;
+        return tlv_write(ctl, info, array, count);
+    }
+    if (count > size)
+        return -EINVAL;
+    if (type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_INTEGER &&
+        type != SND_CTL_ELEM_TYPE_BYTES)
+        return -EINVAL;
+    // As in tinyalsa, the array replaces the whole value: elements past `count` are written as 0.
+    ValuePtr value = new_value(info);
+    if (!value)
+        return -ENOMEM;
+    if (type == SND_CTL_ELEM_TYPE_BYTES) {
+        snd_ctl_elem_set_bytes(value.get(), const_cast<void *>(array), count);
+    } else {
+        const auto *ints = static_cast<const int *>(array);
+        for (size_t i = 0; i < count; ++i) {
+            if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
+                snd_ctl_elem_value_set_boolean(value.get(), i, ints[i] != 0 ? 1 : 0);
+            else
+                snd_ctl_elem_value_set_integer(value.get(), i, ints[i]);
+        }
+    }
+    return write_value(ctl, value.get());
+}
+
+int mixer_ctl_set_enum_by_string(struct mixer_ctl *ctl, const char *string)
+{
+    const std::vector<std::string> *names = enum_names_of(ctl);
+    if (names == nullptr || string == nullptr)
+        return -EINVAL;
+    for (size_t item = 0; item < names->size(); ++item) {
+        if ((*names)[item] != std::string_view(string))
+            continue;
+        ValuePtr value;
+        if (int err = read_value(ctl, ctl->info.get(), value); err < 0)
+            return err;
+        snd_ctl_elem_value_set_enumerated(value.get(), 0, static_cast<unsigned int>(item));
+        return write_value(ctl, value.get());
+    }
+    return -EINVAL;
+}
+
+} // extern "C"
