@@ -1,0 +1,51 @@
+#include "mixer/control.h"
+#include "mixer/mixer_handle.h"
+#include "tvoxsp/mixer.h"
+#include "util/fatal.h"
+#include "util/log.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <unistd.h>
+
+namespace
+{
+
+void pause_for(const char *microseconds)
+{
+    const long us = microseconds == nullptr ? 0 : std::strtol(microseconds, nullptr, 10);
+    usleep(static_cast<useconds_t>(std::clamp<long>(us, 0, UINT_MAX)));
+}
+
+} // namespace
+
+extern "C" int32_t tervox_apply_mixer_path(const struct tervox_mixer_path_entry *path, size_t count)
+{
+    if (path == nullptr && count != 0)
+        return -1;
+    tvox::MixerHandle mixer = tvox::open_mixer();
+    if (!mixer) {
+        // Nothing the amplifiers need can be switched without the card: a broken platform.
+        tvox::log_tervox(tvox::Priority::error, "Failed to open mixer\n");
+        tvox::fatal();
+    }
+    for (const auto &entry : std::span(path, count)) {
+        if (entry.control != nullptr && std::strcmp(entry.control, "udelay") == 0) {
+            pause_for(entry.value);
+            continue;
+        }
+        tvox::log_tervox(tvox::Priority::debug, "%s: %s = %s\n", __func__,
+                         tvox::printable(entry.control), tvox::printable(entry.value));
+        const int32_t result = tervox_tmixer_set(mixer.get(), entry.control, entry.value);
+        if (result != 0) {
+            mixer.reset();
+            tvox::log_tervox(tvox::Priority::error, "%s: '%s' <== '%s' failed\n", __func__,
+                             tvox::printable(entry.control), tvox::printable(entry.value));
+            return result;
+        }
+    }
+    return 0;
+}
