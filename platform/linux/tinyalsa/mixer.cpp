@@ -193,6 +193,7 @@ extern "C" {
 struct mixer *mixer_open(unsigned int card)
 {
     const std::string name = tinyalsa::control_name(card);
+    const tinyalsa::QuietAlsa quiet;
     snd_ctl_t *raw_handle = nullptr;
     if (snd_ctl_open(&raw_handle, name.c_str(), 0) < 0)
         return nullptr;
