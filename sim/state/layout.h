@@ -1,0 +1,127 @@
+// The layout of the simulator's state file, mapped shared by every process.
+//
+// Everything here is plain data at fixed offsets; pointers never go into the file. Change any
+// struct below and bump kLayoutVersion: a file with another version (or size) is replaced by a
+// fresh one when it is next opened, never read with the wrong layout.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tvox::sim
+{
+
+inline constexpr uint32_t kLayoutVersion = 1;
+
+inline constexpr size_t kNameMax = 48;         // ALSA names are at most 43 characters
+inline constexpr size_t kMaxControls = 16384;  // room for the cards plus many filler controls
+inline constexpr size_t kBuckets = 32768;      // hash buckets of the control index
+inline constexpr size_t kPoolBytes = 16 << 20; // control values (the file is sparse)
+inline constexpr size_t kMaxStreams = 32;
+inline constexpr size_t kMaxChannels = 8;
+inline constexpr size_t kMaxRegisters = 1024; // registers remembered per amplifier channel
+inline constexpr size_t kMaxInterfaces = 32;
+inline constexpr size_t kMaxPcmDevices = 16;
+inline constexpr size_t kModelAreaBytes = 64 << 10;
+
+// Element types, numbered as alsa-lib numbers them (snd_ctl_elem_type_t).
+enum class Type : uint32_t { boolean = 1, integer = 2, enumerated = 3, bytes = 4 };
+
+// One control's value storage. Boolean, integer and enumerated values are kept as one int64 per
+// value (the item index for enumerated controls); byte controls keep their raw bytes.
+struct ControlSlot {
+    int32_t card;
+    Type type;
+    uint32_t count;
+    uint32_t size; // bytes of value storage
+    uint64_t offset;
+    uint32_t next; // index + 1 of the next slot in the same hash bucket, 0 at the end
+    char name[kNameMax];
+};
+
+// One PCM stream (card, device), written by the PCM plugin.
+struct PcmRecord {
+    int32_t card;
+    int32_t device;
+    uint8_t used;
+    uint8_t running;
+    uint8_t reserved[2];
+    int32_t format; // alsa-lib's snd_pcm_format_t
+    uint32_t rate;
+    uint32_t channels;
+    uint32_t pid; // process that opened the stream last
+    uint64_t frames_written;
+    double peak;           // largest absolute sample, as a fraction of full scale
+    int64_t start_time_ns; // CLOCK_MONOTONIC when the stream last started running
+    int64_t stop_time_ns;  // CLOCK_MONOTONIC when it last stopped, 0 while running
+    uint64_t starts;       // how often it was started
+};
+
+enum class SpeakerFault : uint32_t { none, open, shorted, calibration_failure, f0_failure };
+
+// The loudspeaker behind one amplifier channel, as the DSP would measure it.
+struct SpeakerConfig {
+    double resistance_ohm;
+    double f0_hz;
+    SpeakerFault fault;
+    uint32_t reserved;
+};
+
+struct Register {
+    uint32_t address;
+    uint32_t value;
+    uint32_t used;
+};
+
+// An amplifier's registers behind its register mailbox control; unknown registers read 0.
+struct RegisterFile {
+    uint32_t count;
+    uint32_t reserved;
+    Register entries[kMaxRegisters];
+};
+
+// A back-end interface of the virtual AGM card.
+struct AgmInterface {
+    char name[kNameMax];
+    uint8_t used;
+    uint8_t no_mfc; // the graph of this back-end carries no MFC module
+    uint8_t reserved[6];
+};
+
+// A front-end PCM device of the virtual AGM card and the interfaces it is connected to.
+struct AgmStream {
+    int32_t device;
+    uint8_t used;
+    uint8_t reserved[3];
+    uint32_t connected; // bit i: connected to interfaces[i]
+    uint32_t reserved2;
+};
+
+struct Header {
+    char magic[8];
+    uint32_t version;
+    uint32_t reserved;
+    uint64_t size;         // sizeof(Layout) of the build that made the file
+    pthread_mutex_t mutex; // process-shared and robust
+    uint32_t slot_count;
+    uint32_t reserved2;
+    uint64_t pool_used;
+    uint64_t writes; // control writes stored since the file was made
+};
+
+struct Layout {
+    Header header;
+    uint32_t buckets[kBuckets]; // index + 1 of the bucket's first slot, 0 when empty
+    ControlSlot slots[kMaxControls];
+    PcmRecord streams[kMaxStreams];
+    SpeakerConfig speakers[kMaxChannels];
+    RegisterFile registers[kMaxChannels];
+    AgmInterface interfaces[kMaxInterfaces];
+    AgmStream agm_streams[kMaxPcmDevices];
+    alignas(64) std::byte model[kModelAreaBytes];
+    alignas(64) std::byte pool[kPoolBytes];
+};
+
+} // namespace tvox::sim
