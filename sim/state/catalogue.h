@@ -8,9 +8,9 @@
 //                                word's position (0, 1, ...) is the controls' amplifier channel
 //   TYPE "NAME" ATTR...          one control; TYPE is bool, int, enum or bytes
 // Attributes: count=N (values, or bytes of a byte control; default 1), min=, max=, step=
-// (integers), items=A,B,$LIST (enumerated), default=V,V,... (numbers, item texts or bytes; the
-// last one repeats), ro (read-only), tlv (byte control moved through TLV read/write only),
-// volatile (the value may change without a write).
+// (integers), items=A,B,$LIST (enumerated), default=V,V,... (numbers or item texts, the last
+// one repeating; or bytes, the rest 0), ro (read-only), tlv (byte control moved through TLV
+// read/write only), volatile (the value may change without a write).
 #pragma once
 
 #include "layout.h"
@@ -19,6 +19,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace tvox::sim
@@ -73,7 +74,8 @@ class Catalogue
     const Control *find(int card, std::string_view name) const;
 
   private:
-    std::vector<Control> controls_; // sorted by card, catalogue order within a card
+    std::vector<Control> controls_;                 // sorted by card, catalogue order within a card
+    std::unordered_map<std::string, size_t> index_; // "card:name" -> position in controls_
 };
 
 } // namespace tvox::sim
