@@ -1,0 +1,88 @@
+// tvoxsim: sets up and inspects the virtual amplifier pair.
+#include "command.h"
+#include "state.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace tvox::sim::tool
+{
+
+namespace
+{
+
+std::vector<Command> &registry()
+{
+    static std::vector<Command> all;
+    return all;
+}
+
+int print_help(FILE *out)
+{
+    std::fprintf(out, "usage: tvoxsim COMMAND [ARGS...]\n\n"
+                      "The virtual amplifier pair: ALSA cards tvoxsim:0 (amplifiers) and "
+                      "tvoxsim:100 (AGM).\nThe simulator folder is $TVOXSIM_DIR.\n\nCommands:\n");
+    for (const Command &command : commands()) {
+        std::string head = std::string(command.name) + " " + std::string(command.usage);
+        std::fprintf(out, "  %-34s %.*s\n", head.c_str(), static_cast<int>(command.summary.size()),
+                     command.summary.data());
+    }
+    return 0;
+}
+
+} // namespace
+
+Registration::Registration(Command command)
+{
+    registry().push_back(command);
+}
+
+std::vector<Command> commands()
+{
+    std::vector<Command> sorted = registry();
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Command &a, const Command &b) { return a.name < b.name; });
+    return sorted;
+}
+
+int usage_error(std::string_view command, std::string_view message)
+{
+    std::fprintf(stderr, "tvoxsim: %.*s\n", static_cast<int>(message.size()), message.data());
+    for (const Command &c : commands()) {
+        if (c.name == command)
+            std::fprintf(stderr, "usage: tvoxsim %.*s %.*s\n", static_cast<int>(c.name.size()),
+                         c.name.data(), static_cast<int>(c.usage.size()), c.usage.data());
+    }
+    return exit_usage;
+}
+
+std::string simulator_dir(std::string_view dir)
+{
+    std::string chosen = dir.empty() ? State::dir_from_env() : std::string(dir);
+    std::error_code ec;
+    std::filesystem::path absolute = std::filesystem::absolute(chosen, ec);
+    return ec ? chosen : absolute.lexically_normal().string();
+}
+
+} // namespace tvox::sim::tool
+
+int main(int argc, char **argv)
+{
+    using namespace tvox::sim::tool;
+    if (argc < 2) {
+        print_help(stderr);
+        return exit_usage;
+    }
+    std::string_view name = argv[1];
+    if (name == "--help" || name == "-h" || name == "help")
+        return print_help(stdout);
+    for (const Command &command : commands()) {
+        if (command.name == name)
+            return command.run(std::span<char *const>(argv + 2, static_cast<size_t>(argc - 2)));
+    }
+    std::fprintf(stderr, "tvoxsim: unknown command \"%s\" (see tvoxsim --help)\n", argv[1]);
+    return exit_usage;
+}
