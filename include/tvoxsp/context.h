@@ -46,7 +46,7 @@ enum { TERVOX_NUM_CTLS = 19, TERVOX_MAX_CHANNELS = 8 };
 typedef struct tervox_cal_record {
     uint32_t status;
     uint32_t checksum;
-    int32_t cal_r; /* raw resistance; ohms = cal_r * 5.85714 / 8192 */
+    int32_t cal_r;      /* raw resistance; ohms = cal_r * 5.85714 / 8192 */
     uint32_t f0_status; /* 2 = passed */
     uint32_t f0;
     uint32_t z_low_diff;
@@ -122,6 +122,24 @@ struct tervox {
     tervox_values_fn apply;
     tervox_format_fn str_format_out;
 };
+
+#pragma GCC visibility push(default)
+
+/* The active context: set by tervox_cal_init (and again by tervox_cal_deinit). */
+extern struct tervox *self;
+/* Kept for the HAL; the library never reads or writes it. */
+extern void *tervox_this;
+
+/* Binds ctx as the active context and fills its defaults; returns pthread_mutex_init's result. */
+int32_t tervox_cal_init(struct tervox *ctx);
+/* Joins the calibration thread (if one was started) and destroys the context mutex. */
+int32_t tervox_cal_deinit(struct tervox *ctx);
+/* Switches both amplifiers off; returns the mixer path's result. */
+int32_t tervox_calib_exit(void);
+/* An empty hook. */
+void tervox_cal_exit(void);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }
