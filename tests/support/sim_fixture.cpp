@@ -1,0 +1,155 @@
+#include "support/sim_fixture.h"
+
+#include "catalogue.h"
+#include "environment.h"
+#include "state.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace tvox::test
+{
+
+namespace
+{
+
+using tvox::sim::Catalogue;
+using tvox::sim::Control;
+using tvox::sim::ControlSlot;
+using tvox::sim::Session;
+
+const Control *lookup(int card, std::string_view name)
+{
+    const Control *control = Catalogue::from_env().find(card, name);
+    if (control == nullptr)
+        ADD_FAILURE() << "card " << card << " has no control \"" << name << "\"";
+    return control;
+}
+
+} // namespace
+
+std::string SimTest::conf_path()
+{
+    return TVOXSIM_CONF_PATH;
+}
+
+std::string SimTest::tool_path()
+{
+    return TVOXSIM_TOOL_PATH;
+}
+
+void SimTest::SetUp()
+{
+    char pattern[] = "/tmp/tvoxsim-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    unsetenv("TVOXSIM_FILLER");
+    ASSERT_EQ(tvox::sim::apply_environment(dir_, conf_path()), 0);
+    int err = 0;
+    state_ = tvox::sim::State::open(dir_, err);
+    ASSERT_TRUE(state_) << "cannot open the simulator state in " << dir_ << ": " << err;
+}
+
+void SimTest::TearDown()
+{
+    state_.reset();
+    if (!dir_.empty() && std::getenv("TVOXSIM_KEEP") == nullptr) {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+}
+
+std::vector<long> SimTest::int_values(int card, std::string_view name)
+{
+    const Control *control = lookup(card, name);
+    if (control == nullptr)
+        return {};
+    if (control->is_bytes()) {
+        ADD_FAILURE() << "\"" << name << "\" is a byte control";
+        return {};
+    }
+    Session session = state_->lock();
+    ControlSlot *slot = session.bind(*control);
+    std::span<const int64_t> values = session.numbers(*slot);
+    return std::vector<long>(values.begin(), values.end());
+}
+
+std::vector<uint8_t> SimTest::bytes(int card, std::string_view name)
+{
+    const Control *control = lookup(card, name);
+    if (control == nullptr)
+        return {};
+    if (!control->is_bytes()) {
+        ADD_FAILURE() << "\"" << name << "\" is not a byte control";
+        return {};
+    }
+    Session session = state_->lock();
+    std::span<const uint8_t> values = session.bytes(*session.bind(*control));
+    return std::vector<uint8_t>(values.begin(), values.end());
+}
+
+std::string SimTest::enum_item(int card, std::string_view name, unsigned index)
+{
+    const Control *control = lookup(card, name);
+    std::vector<long> values = int_values(card, name);
+    if (control == nullptr || control->type != tvox::sim::Type::enumerated ||
+        index >= values.size()) {
+        ADD_FAILURE() << "\"" << name << "\" has no enumerated value " << index;
+        return {};
+    }
+    return control->items.at(static_cast<size_t>(values[index]));
+}
+
+void SimTest::preset_ints(int card, std::string_view name, const std::vector<long> &values)
+{
+    const Control *control = lookup(card, name);
+    if (control == nullptr)
+        return;
+    if (control->is_bytes() || values.size() != control->count) {
+        ADD_FAILURE() << "\"" << name << "\" does not take " << values.size() << " numbers";
+        return;
+    }
+    Session session = state_->lock();
+    std::span<int64_t> stored = session.numbers(*session.bind(*control));
+    std::copy(values.begin(), values.end(), stored.begin());
+}
+
+void SimTest::preset_bytes(int card, std::string_view name, const std::vector<uint8_t> &values)
+{
+    const Control *control = lookup(card, name);
+    if (control == nullptr)
+        return;
+    if (!control->is_bytes() || values.size() > control->count) {
+        ADD_FAILURE() << "\"" << name << "\" does not take " << values.size() << " bytes";
+        return;
+    }
+    Session session = state_->lock();
+    std::span<uint8_t> stored = session.bytes(*session.bind(*control));
+    std::fill(stored.begin(), stored.end(), 0);
+    std::copy(values.begin(), values.end(), stored.begin());
+}
+
+void SimTest::preset_enum(int card, std::string_view name, std::string_view item)
+{
+    const Control *control = lookup(card, name);
+    if (control == nullptr)
+        return;
+    int index = control->item_index(item);
+    if (index < 0) {
+        ADD_FAILURE() << "\"" << name << "\" has no item \"" << item << "\"";
+        return;
+    }
+    preset_ints(card, name, std::vector<long>(control->count, index));
+}
+
+std::vector<std::string> SimTest::journal_lines()
+{
+    return state_->journal_lines();
+}
+
+void SimTest::clear_journal()
+{
+    EXPECT_EQ(state_->clear_journal(), 0);
+}
+
+} // namespace tvox::test

@@ -1,0 +1,61 @@
+// Test fixture for everything that runs against the virtual amplifier pair.
+//
+// Each test gets a fresh simulator folder; SetUp() points TVOXSIM_DIR, ALSA_CONFIG_PATH,
+// TINYALSA_CARD_0 and TINYALSA_CARD_100 at it before the test makes any ALSA call (alsa-lib reads
+// its configuration once per process, and every test runs in a process of its own), and
+// TearDown() removes the folder (kept when TVOXSIM_KEEP is set, for a look after a failure).
+// A test class that overrides SetUp() or TearDown() calls SimTest's.
+//
+// The helpers read and preset control values in the shared state directly, without the plugin:
+// reads show what was stored (not what the DSP model would compute), presets are not journaled.
+// An unknown control or a value of the wrong kind is reported as a test failure.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tvox::sim
+{
+class State;
+}
+
+namespace tvox::test
+{
+
+class SimTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    const std::string &sim_dir() const { return dir_; }
+    // The shared state of this test's folder (speakers, streams, AGM facts, registers...).
+    tvox::sim::State &state() { return *state_; }
+    // Paths of the build: the generated ALSA configuration and the tvoxsim tool.
+    static std::string conf_path();
+    static std::string tool_path();
+
+    // Stored values: numbers of a boolean/integer control, item indexes of an enumerated one.
+    std::vector<long> int_values(int card, std::string_view name);
+    std::vector<uint8_t> bytes(int card, std::string_view name);
+    // Item text of value `index` of an enumerated control.
+    std::string enum_item(int card, std::string_view name, unsigned index = 0);
+
+    void preset_ints(int card, std::string_view name, const std::vector<long> &values);
+    void preset_bytes(int card, std::string_view name, const std::vector<uint8_t> &values);
+    void preset_enum(int card, std::string_view name, std::string_view item);
+
+    std::vector<std::string> journal_lines();
+    void clear_journal();
+
+  private:
+    std::string dir_;
+    std::unique_ptr<tvox::sim::State> state_;
+};
+
+} // namespace tvox::test
