@@ -1,5 +1,7 @@
 #include "model.h"
 
+#include "agm_graph.h"
+
 #include <cerrno>
 #include <string_view>
 
@@ -55,7 +57,7 @@ void store_be32(std::span<uint8_t> bytes, size_t word, uint32_t value)
 int Model::on_write(Session &session, const Control &control, Value value)
 {
     if (!is_register_mailbox(control))
-        return 0;
+        return agm::on_write(session, control, value);
     unsigned channel = control.channel < 0 ? 0 : static_cast<unsigned>(control.channel);
     uint32_t command = load_be32(value.bytes, 0);
     uint32_t address = load_be32(value.bytes, 1);
@@ -72,7 +74,10 @@ int Model::on_write(Session &session, const Control &control, Value value)
     }
 }
 
-void Model::on_read(Session &, const Control &, Value) {}
+void Model::on_read(Session &session, const Control &control, Value value)
+{
+    agm::on_read(session, control, value);
+}
 
 void Model::on_stream(Session &, PcmRecord &, StreamEvent) {}
 
