@@ -2,6 +2,7 @@
 #include "card.h"
 #include "command.h"
 #include "environment.h"
+#include "phone.h"
 #include "state.h"
 
 #include <unistd.h>
@@ -69,6 +70,11 @@ int init(std::span<char *const> args)
     }
     if (int status = prepare(dir); status != 0)
         return status;
+    if (int err = install_phone(dir); err < 0) {
+        std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
+                     std::strerror(-err));
+        return exit_failure;
+    }
     std::printf("simulator ready in %s\n", dir.c_str());
     return 0;
 }
