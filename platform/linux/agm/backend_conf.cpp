@@ -152,6 +152,16 @@ std::optional<Entry> read_entry(const char *filename, std::string_view element, 
     return Entry{parsed[0], parsed[1], parsed[2], parsed[3], format_of(format, parsed[2])};
 }
 
+// Fills the fields both records share.
+template <typename Config> void fill(Config &config, const char *name, const Entry &entry)
+{
+    copy_name(config.name, name);
+    config.rate = entry.rate;
+    config.ch = entry.ch;
+    config.bits = entry.bits;
+    config.format = entry.format;
+}
+
 } // namespace
 
 extern "C" {
@@ -161,11 +171,7 @@ int get_device_media_config(char *filename, char *intf_name, struct device_confi
     const std::optional<Entry> entry = read_entry(filename, "device", intf_name, false);
     if (!entry || config == nullptr)
         return -EINVAL;
-    copy_name(config->name, intf_name);
-    config->rate = entry->rate;
-    config->ch = entry->ch;
-    config->bits = entry->bits;
-    config->format = entry->format;
+    fill(*config, intf_name, *entry);
     return 0;
 }
 
@@ -174,12 +180,8 @@ int get_group_device_info(char *filename, char *intf_name, struct group_config *
     const std::optional<Entry> entry = read_entry(filename, "group_device", intf_name, true);
     if (!entry || config == nullptr)
         return -EINVAL;
-    copy_name(config->name, intf_name);
-    config->rate = entry->rate;
-    config->ch = entry->ch;
-    config->bits = entry->bits;
+    fill(*config, intf_name, *entry);
     config->slot_mask = entry->extra;
-    config->format = entry->format;
     return 0;
 }
 

@@ -128,6 +128,24 @@ bool is_tlv_rw(const snd_ctl_elem_info_t *info)
     return snd_ctl_elem_info_is_tlv_readable(info) || snd_ctl_elem_info_is_tlv_writable(info);
 }
 
+enum class ArrayPath { refused, tlv, values };
+
+// How an array call moves `count` units: a TLV container of at most the control's size plus its
+// header, or plain values (ints of a BOOL or INT control, bytes of a BYTE one) of at most the
+// control's count.
+ArrayPath array_path(const snd_ctl_elem_info_t *info, const void *array, size_t count)
+{
+    if (info == nullptr || array == nullptr || count == 0)
+        return ArrayPath::refused;
+    const size_t size = snd_ctl_elem_info_get_count(info);
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+    if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info))
+        return count > size + tlv_header_size ? ArrayPath::refused : ArrayPath::tlv;
+    const bool plain = type == SND_CTL_ELEM_TYPE_BOOLEAN || type == SND_CTL_ELEM_TYPE_INTEGER ||
+                       type == SND_CTL_ELEM_TYPE_BYTES;
+    return plain && count <= size ? ArrayPath::values : ArrayPath::refused;
+}
+
 // A TLV container as alsa-lib wants it: whole 32-bit words, never shorter than the header.
 std::vector<unsigned int> tlv_words(size_t bytes)
 {
@@ -396,20 +414,12 @@ int mixer_ctl_set_value(struct mixer_ctl *ctl, unsigned int id, int value)
 int mixer_ctl_get_array(struct mixer_ctl *ctl, void *array, size_t count)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || array == nullptr || count == 0)
+    const ArrayPath path = array_path(info, array, count);
+    if (path == ArrayPath::refused)
         return -EINVAL;
-    const size_t size = snd_ctl_elem_info_get_count(info);
-    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
-    if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info)) {
-        if (count > size + tlv_header_size)
-            return -EINVAL;
+    if (path == ArrayPath::tlv)
         return tlv_read(ctl, info, array, count);
-    }
-    if (count > size)
-        return -EINVAL;
-    if (type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_INTEGER &&
-        type != SND_CTL_ELEM_TYPE_BYTES)
-        return -EINVAL;
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
     ValuePtr value;
     if (int err = read_value(ctl, info, value); err < 0)
         return err;
@@ -426,20 +436,12 @@ int mixer_ctl_get_array(struct mixer_ctl *ctl, void *array, size_t count)
 int mixer_ctl_set_array(struct mixer_ctl *ctl, const void *array, size_t count)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || array == nullptr || count == 0)
+    const ArrayPath path = array_path(info, array, count);
+    if (path == ArrayPath::refused)
         return -EINVAL;
-    const size_t size = snd_ctl_elem_info_get_count(info);
-    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
-    if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info)) {
-        if (count > size + tlv_header_size)
-            return -EINVAL;
+    if (path == ArrayPath::tlv)
         return tlv_write(ctl, info, array, count);
-    }
-    if (count > size)
-        return -EINVAL;
-    if (type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_INTEGER &&
-        type != SND_CTL_ELEM_TYPE_BYTES)
-        return -EINVAL;
+    const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
     // As in tinyalsa, the array replaces the whole value: elements past `count` are written as 0.
     ValuePtr value = new_value(info);
     if (!value)
