@@ -54,8 +54,8 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
         ctx->cal_r_range[0] = kTopRange;
     }
 
-    // playback (graph playback) and channel_swap (the host DSP module's channel swap) stay empty
-    // until those functions are part of the library; a run without playback logs it.
+    ctx->playback = tervox_agmplay;
+    // channel_swap stays empty until the host DSP module's channel swap is part of the library.
     ctx->fread_backend = tervox_default_fread;
     ctx->fwrite_backend = tervox_default_fwrite;
     ctx->txt_fwrite_backend = tervox_ascii_fwrite;

@@ -1,7 +1,9 @@
 // A context as a HAL holds it: zero-filled, initialised, its files in a folder of the test's own.
 #pragma once
 
+#include "state.h" // SimTest holds the simulator state by unique_ptr
 #include "support/capture.h"
+#include "support/sim_fixture.h"
 #include "tvoxsp.h"
 
 #include <android/log.h>
@@ -44,11 +46,13 @@ inline std::vector<std::string> tervox_lines(const LogCapture &log, int priority
     return texts;
 }
 
-class ContextTest : public ::testing::Test
+// Base is ::testing::Test, or SimTest for tests that reach the virtual amplifier pair.
+template <typename Base> class ContextFixture : public Base
 {
   protected:
     void SetUp() override
     {
+        Base::SetUp();
         char pattern[] = "/tmp/tvoxsp-cal-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         folder_ = pattern;
@@ -65,6 +69,7 @@ class ContextTest : public ::testing::Test
     {
         EXPECT_EQ(tervox_cal_deinit(&ctx_), 0);
         std::filesystem::remove_all(folder_);
+        Base::TearDown();
     }
 
     // Makes card 0's mixer fail to open, for the paths that report a missing mixer.
@@ -73,6 +78,20 @@ class ContextTest : public ::testing::Test
     struct tervox ctx_ = {};
     std::filesystem::path folder_;
     std::string bin_, txt_, f0_;
+};
+
+using ContextTest = ContextFixture<::testing::Test>;
+
+class SimContextTest : public ContextFixture<SimTest>
+{
+  protected:
+    // A DSP parameter as the firmware holds it: four bytes, most significant first.
+    void preset_word(std::string_view name, uint32_t value)
+    {
+        preset_bytes(0, name,
+                     {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
+                      static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
+    }
 };
 
 } // namespace tvox::test

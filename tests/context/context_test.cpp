@@ -46,6 +46,7 @@ TEST(ContextInit, FillsDefaultsSlotsAndLogsTheChannelLines)
     EXPECT_STREQ(ctx.cal_txt_path, "/mnt/vendor/persist/audio/tvox_calr.txt");
     EXPECT_STREQ(ctx.f0_path, "/mnt/vendor/persist/audio/tvox_f0.bin");
 
+    EXPECT_EQ(ctx.playback, &tervox_agmplay);
     EXPECT_EQ(ctx.fwrite_backend, &tervox_default_fwrite);
     EXPECT_EQ(ctx.fread_backend, &tervox_default_fread);
     EXPECT_EQ(ctx.txt_fwrite_backend, &tervox_ascii_fwrite);
