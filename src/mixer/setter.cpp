@@ -35,9 +35,10 @@ class ValueTokens
             if (tokens_.size() == kMaxTokens)
                 tvox::fatal();
             tokens_.push_back(text_.data() + pos);
-            if (end < text_.size())
-                text_[end] = '\0';
-            pos = end;
+            if (end == text_.size())
+                break;
+            text_[end] = '\0';
+            pos = end + 1;
         }
     }
 
