@@ -74,12 +74,13 @@ Sink *sink_of(snd_pcm_ioplug_t *io)
     return static_cast<Sink *>(io->private_data);
 }
 
-// Updates the stream's record under the state lock and tells the model (nothing happens when
-// the state has no room for another record).
+// Updates the stream's record under the state lock and tells the model. The record is made when
+// the stream is configured (`open`), so asking a device for its limits leaves no record; nothing
+// happens when the state has no room for another one.
 template <typename F> void update_record(Sink &sink, StreamEvent event, F &&update)
 {
     Session session = sink.state->lock();
-    if (PcmRecord *record = session.stream(sink.card, sink.device, true)) {
+    if (PcmRecord *record = session.stream(sink.card, sink.device, event == StreamEvent::open)) {
         update(*record);
         tvox::sim::model().on_stream(session, *record, event);
     }
@@ -103,15 +104,17 @@ uint64_t pending(const Sink &sink)
     return (sink.io.appl_ptr + sink.boundary - reported) % sink.boundary;
 }
 
-// Where the consumer would be now; never past what was written.
+// Where the consumer would be now; never past what was written. Like a DMA engine that reports
+// its position at period interrupts, it moves a whole period at a time, so a stream started
+// before its first write has one period to get data in before it underruns.
 uint64_t position_now(const Sink &sink, bool &underrun)
 {
     underrun = false;
     if (!sink.running)
         return sink.position;
     const int64_t elapsed = tvox::sim::now_ns() - sink.run_start_ns;
-    const uint64_t due =
-        sink.run_base + static_cast<uint64_t>(elapsed) * sink.io.rate / kNsPerSecond;
+    const uint64_t frames = static_cast<uint64_t>(elapsed) * sink.io.rate / kNsPerSecond;
+    const uint64_t due = sink.run_base + frames - frames % sink.io.period_size;
     const uint64_t written = sink.position + pending(sink);
     if (due < written)
         return std::max(due, sink.position);
