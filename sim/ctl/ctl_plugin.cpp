@@ -10,6 +10,7 @@
 #include <alsa/asoundlib.h>
 #include <alsa/control_external.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -116,10 +117,12 @@ int get_enumerated_info(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsigned int 
 int get_enumerated_name(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsigned int item, char *name,
                         size_t name_max_len)
 {
-    // alsa-lib passes the caller's item number through unchecked.
+    // alsa-lib passes the caller's item number through unchecked and ignores an error here; a
+    // kernel driver names the last item for a number past the list, and so does this card.
     const Control &control = control_of(ext, key);
-    if (item >= control.items.size() || name_max_len == 0)
+    if (control.items.empty() || name_max_len == 0)
         return -EINVAL;
+    item = std::min<unsigned int>(item, static_cast<unsigned int>(control.items.size() - 1));
     std::snprintf(name, name_max_len, "%s", control.items[item].c_str());
     return 0;
 }

@@ -38,6 +38,9 @@ std::string SimTest::tool_path()
     return TVOXSIM_TOOL_PATH;
 }
 
+SimTest::SimTest() = default;
+SimTest::~SimTest() = default;
+
 void SimTest::SetUp()
 {
     char pattern[] = "/tmp/tvoxsim-test-XXXXXX";

@@ -30,6 +30,8 @@ namespace tvox::test
 class SimTest : public ::testing::Test
 {
   protected:
+    SimTest();
+    ~SimTest() override;
     void SetUp() override;
     void TearDown() override;
 

@@ -1,0 +1,247 @@
+// The virtual cards through alsa-lib and through amixer, as every ALSA client sees them.
+#include "card.h"
+#include "support/sim_fixture.h"
+
+#include <alsa/asoundlib.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace
+{
+
+struct CtlCloser {
+    void operator()(snd_ctl_t *ctl) const { snd_ctl_close(ctl); }
+};
+using Ctl = std::unique_ptr<snd_ctl_t, CtlCloser>;
+
+struct Command {
+    int status;
+    std::string output;
+};
+
+// Runs a shell command with this process's environment; its standard output and error.
+Command run(const std::string &command)
+{
+    Command result{-1, {}};
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return result;
+    std::array<char, 512> buffer{};
+    while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
+        result.output += buffer.data();
+    int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+class AlsaTest : public tvox::test::SimTest
+{
+  protected:
+    Ctl open_card(const char *name)
+    {
+        snd_ctl_t *ctl = nullptr;
+        int err = snd_ctl_open(&ctl, name, 0);
+        EXPECT_EQ(err, 0) << name << ": " << snd_strerror(err);
+        return Ctl(ctl);
+    }
+
+    int write_ints(snd_ctl_t *ctl, const char *name, std::vector<long> values)
+    {
+        snd_ctl_elem_value_t *value = nullptr;
+        snd_ctl_elem_value_alloca(&value);
+        snd_ctl_elem_value_set_interface(value, SND_CTL_ELEM_IFACE_MIXER);
+        snd_ctl_elem_value_set_name(value, name);
+        for (size_t i = 0; i < values.size(); ++i)
+            snd_ctl_elem_value_set_integer(value, static_cast<unsigned>(i), values[i]);
+        return snd_ctl_elem_write(ctl, value);
+    }
+
+    int write_enum(snd_ctl_t *ctl, const char *name, unsigned item)
+    {
+        snd_ctl_elem_value_t *value = nullptr;
+        snd_ctl_elem_value_alloca(&value);
+        snd_ctl_elem_value_set_interface(value, SND_CTL_ELEM_IFACE_MIXER);
+        snd_ctl_elem_value_set_name(value, name);
+        snd_ctl_elem_value_set_enumerated(value, 0, item);
+        return snd_ctl_elem_write(ctl, value);
+    }
+
+    static void set_id(snd_ctl_elem_id_t *id, const char *name)
+    {
+        snd_ctl_elem_id_set_interface(id, SND_CTL_ELEM_IFACE_MIXER);
+        snd_ctl_elem_id_set_name(id, name);
+    }
+
+    std::string amixer(const std::string &args)
+    {
+        return run("amixer -D tvoxsim:0 " + args).output;
+    }
+};
+
+TEST_F(AlsaTest, RefusedWritesReturnErrorsAndLeaveTheState)
+{
+    Ctl ctl = open_card("tvoxsim:0");
+    ASSERT_TRUE(ctl);
+    EXPECT_EQ(write_ints(ctl.get(), "T DSP Mode", {4}), -EINVAL);
+    EXPECT_EQ(write_ints(ctl.get(), "SPK Digital PCM Volume", {10, 1000}), -EINVAL);
+    EXPECT_EQ(write_ints(ctl.get(), "T AMP Enable Switch", {2}), -EINVAL);
+    EXPECT_EQ(write_enum(ctl.get(), "T PCM Source", 4), -EINVAL);
+    EXPECT_EQ(write_ints(ctl.get(), "T AMP Active Status", {1}), -EPERM);
+    EXPECT_EQ(write_ints(ctl.get(), "No Such Control", {1}), -ENOENT);
+    EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{1}));
+    EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{817, 817}));
+    EXPECT_EQ(enum_item(0, "T PCM Source"), "ASPRX1");
+    EXPECT_TRUE(journal_lines().empty());
+
+    EXPECT_EQ(write_ints(ctl.get(), "SPK Digital PCM Volume", {10, 913}), 1);
+    EXPECT_EQ(write_enum(ctl.get(), "T PCM Source", 3), 1);
+    EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{10, 913}));
+    EXPECT_EQ(enum_item(0, "T PCM Source"), "Zero");
+}
+
+TEST_F(AlsaTest, ElementListAndInfoMatchTheCatalogue)
+{
+    Ctl ctl = open_card("tvoxsim:100");
+    ASSERT_TRUE(ctl);
+    snd_ctl_elem_list_t *list = nullptr;
+    snd_ctl_elem_list_alloca(&list);
+    ASSERT_EQ(snd_ctl_elem_list(ctl.get(), list), 0);
+    unsigned count = snd_ctl_elem_list_get_count(list);
+    const auto &catalogue = tvox::sim::Catalogue::get(0).card(100);
+    ASSERT_EQ(count, catalogue.size());
+    ASSERT_EQ(snd_ctl_elem_list_alloc_space(list, count), 0);
+    ASSERT_EQ(snd_ctl_elem_list(ctl.get(), list), 0);
+    for (unsigned i = 0; i < count; ++i) {
+        EXPECT_EQ(snd_ctl_elem_list_get_numid(list, i), i + 1);
+        EXPECT_EQ(snd_ctl_elem_list_get_interface(list, i), SND_CTL_ELEM_IFACE_MIXER);
+        EXPECT_EQ(snd_ctl_elem_list_get_name(list, i), catalogue[i].name);
+        EXPECT_EQ(snd_ctl_elem_list_get_index(list, i), 0u);
+    }
+    snd_ctl_elem_list_free_space(list);
+
+    snd_ctl_elem_info_t *info = nullptr;
+    snd_ctl_elem_info_alloca(&info);
+    snd_ctl_elem_info_set_interface(info, SND_CTL_ELEM_IFACE_MIXER);
+    snd_ctl_elem_info_set_name(info, "PCM100 getTaggedInfo");
+    ASSERT_EQ(snd_ctl_elem_info(ctl.get(), info), 0);
+    EXPECT_EQ(snd_ctl_elem_info_get_type(info), SND_CTL_ELEM_TYPE_BYTES);
+    EXPECT_EQ(snd_ctl_elem_info_get_count(info), 1024u);
+    EXPECT_TRUE(snd_ctl_elem_info_is_tlv_readable(info));
+    EXPECT_FALSE(snd_ctl_elem_info_is_readable(info));
+    EXPECT_GT(snd_ctl_elem_info_get_numid(info), 0u) << "by-name lookups learn the numid";
+
+    snd_ctl_elem_info_set_numid(info, count + 1);
+    EXPECT_EQ(snd_ctl_elem_info(ctl.get(), info), -ENOENT);
+    snd_ctl_elem_info_set_numid(info, 0);
+    snd_ctl_elem_info_set_name(info, "PCM101 connect");
+    ASSERT_EQ(snd_ctl_elem_info(ctl.get(), info), 0);
+    ASSERT_EQ(snd_ctl_elem_info_get_items(info), 6u);
+    snd_ctl_elem_info_set_item(info, 3);
+    ASSERT_EQ(snd_ctl_elem_info(ctl.get(), info), 0);
+    EXPECT_STREQ(snd_ctl_elem_info_get_item_name(info), "TDM-LPAIF-RX-SECONDARY");
+    // An item number past the list names the last item, as a kernel driver answers.
+    snd_ctl_elem_info_set_item(info, 60);
+    ASSERT_EQ(snd_ctl_elem_info(ctl.get(), info), 0);
+    EXPECT_STREQ(snd_ctl_elem_info_get_item_name(info), "VIRT-SPK-GROUP");
+}
+
+TEST_F(AlsaTest, TlvByteControlsMoveHeaderAndBytesByName)
+{
+    Ctl ctl = open_card("tvoxsim:0");
+    ASSERT_TRUE(ctl);
+    snd_ctl_elem_id_t *id = nullptr;
+    snd_ctl_elem_id_alloca(&id);
+    set_id(id, "RCV DSP1 Protection cd CAL_R");
+
+    unsigned int container[3] = {0, 4, 0};
+    std::memcpy(&container[2], "\x00\x00\x15\x14", 4);
+    ASSERT_EQ(snd_ctl_elem_tlv_write(ctl.get(), id, container), 1);
+    EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"), (std::vector<uint8_t>{0, 0, 0x15, 0x14}));
+
+    unsigned int read[8] = {};
+    ASSERT_EQ(snd_ctl_elem_tlv_read(ctl.get(), id, read, sizeof read), 0);
+    EXPECT_EQ(read[0], 0u);
+    EXPECT_EQ(read[1], 4u);
+    EXPECT_EQ(std::memcmp(&read[2], "\x00\x00\x15\x14", 4), 0);
+
+    unsigned int too_long[4] = {0, 8, 0x01020304, 0x05060708};
+    EXPECT_EQ(snd_ctl_elem_tlv_write(ctl.get(), id, too_long), -EINVAL);
+    EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"), (std::vector<uint8_t>{0, 0, 0x15, 0x14}));
+
+    // Plain element access is not offered on a TLV-only control, nor TLV on a plain one.
+    snd_ctl_elem_value_t *value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    snd_ctl_elem_value_set_id(value, id);
+    EXPECT_LT(snd_ctl_elem_read(ctl.get(), value), 0);
+    set_id(id, "T DSP1 Protection 5f210 CAL_R");
+    EXPECT_LT(snd_ctl_elem_tlv_read(ctl.get(), id, read, sizeof read), 0);
+    EXPECT_EQ(journal_lines(),
+              (std::vector<std::string>{
+                  "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 15 14"}));
+}
+
+TEST_F(AlsaTest, AmixerSetsAndReadsValuesThatPersistAcrossProcesses)
+{
+    EXPECT_NE(amixer("cset name='T PCM Source' DSP").find(": values=2"), std::string::npos);
+    EXPECT_NE(amixer("cset name='SPK Digital PCM Volume' 800,900").find(": values=800,900"),
+              std::string::npos);
+    amixer("cset name='T DSP1 Protection 5f210 CH_BAL' 0x00,0x28,0x00,0xff");
+    // Each amixer run is a process of its own: what one stored, the next reads.
+    EXPECT_NE(
+        amixer("cget name='T DSP1 Protection 5f210 CH_BAL'").find(": values=0x00,0x28,0x00,0xff"),
+        std::string::npos);
+    EXPECT_EQ(enum_item(0, "T PCM Source"), "DSP");
+    EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{800, 900}));
+    EXPECT_EQ(bytes(0, "T DSP1 Protection 5f210 CH_BAL"), (std::vector<uint8_t>{0, 0x28, 0, 0xff}));
+    EXPECT_EQ(journal_lines(), (std::vector<std::string>{
+                                   "ctl 0 \"T PCM Source\" = DSP",
+                                   "ctl 0 \"SPK Digital PCM Volume\" = 800 900",
+                                   "ctl 0 \"T DSP1 Protection 5f210 CH_BAL\" = 00 28 00 ff",
+                               }));
+
+    preset_ints(0, "B DSP Mode", {3});
+    EXPECT_NE(amixer("cget name='B DSP Mode'").find(": values=3"), std::string::npos);
+    EXPECT_NE(run("amixer -D tvoxsim:0 cset name='B AMP Active Status' 1").status, 0);
+    EXPECT_NE(amixer("cget name='RCV DSP1 Protection cd CAL_R'").find("TLV Byte control"),
+              std::string::npos);
+    EXPECT_NE(run("amixer -D tvoxsim:7 controls").status, 0) << "no such card in the catalogue";
+}
+
+TEST_F(AlsaTest, FillerControlsAppearOnCardZero)
+{
+    setenv("TVOXSIM_FILLER", "12", 1);
+    std::string controls = amixer("controls");
+    EXPECT_NE(controls.find("name='Filler Control 0011'"), std::string::npos);
+    EXPECT_EQ(controls.find("name='Filler Control 0012'"), std::string::npos);
+    EXPECT_NE(amixer("cset name='Filler Control 0007' 42").find(": values=42"), std::string::npos);
+    EXPECT_EQ(journal_lines(), (std::vector<std::string>{"ctl 0 \"Filler Control 0007\" = 42"}));
+    unsetenv("TVOXSIM_FILLER");
+    EXPECT_EQ(amixer("controls").find("Filler"), std::string::npos);
+}
+
+TEST_F(AlsaTest, EveryOpenReadsTheSimulatorFolderAgain)
+{
+    Ctl first = open_card("tvoxsim:0");
+    ASSERT_EQ(write_ints(first.get(), "T DSP Mode", {3}), 1);
+    std::string other = sim_dir() + "/other";
+    setenv("TVOXSIM_DIR", other.c_str(), 1);
+    Ctl second = open_card("tvoxsim:0");
+    ASSERT_TRUE(second);
+    ASSERT_EQ(write_ints(second.get(), "T DSP Mode", {2}), 1);
+    EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{3}));
+    int err = 0;
+    auto card = tvox::sim::Card::open(0, err);
+    ASSERT_TRUE(card);
+    EXPECT_EQ(card->state().dir(), other);
+    std::vector<int64_t> mode(1);
+    ASSERT_EQ(card->read(static_cast<size_t>(card->find("T DSP Mode")), {mode, {}}), 0);
+    EXPECT_EQ(mode[0], 2);
+}
+
+} // namespace

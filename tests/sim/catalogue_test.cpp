@@ -1,0 +1,180 @@
+// The control catalogue: the built-in cards and the text format's error reporting.
+#include "catalogue.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace
+{
+
+using tvox::sim::Catalogue;
+using tvox::sim::Control;
+using tvox::sim::Type;
+
+const Control &must_find(const Catalogue &catalogue, int card, const std::string &name)
+{
+    const Control *control = catalogue.find(card, name);
+    if (control == nullptr)
+        ADD_FAILURE() << "missing control \"" << name << "\" on card " << card;
+    static const Control none;
+    return control != nullptr ? *control : none;
+}
+
+TEST(CatalogueTest, AmplifierCardHoldsEveryChannelControlWithItsType)
+{
+    const Catalogue &catalogue = Catalogue::get(0);
+    for (std::string x : {"T", "B"}) {
+        for (std::string word :
+             {"CAL_STATUS", "CAL_CHECKSUM", "CAL_AMBIENT", "DIAG_F0_STATUS", "DIAG_F0",
+              "DIAG_Z_LOW_DIFF", "QORA_STATE", "CH_BAL", "RTLOG_STATE"}) {
+            const Control &c = must_find(catalogue, 0, x + " DSP1 Protection 5f210 " + word);
+            EXPECT_EQ(c.type, Type::bytes);
+            EXPECT_EQ(c.count, 4u) << c.name;
+            EXPECT_FALSE(c.is_tlv()) << c.name;
+        }
+        for (std::string word : {"CAL_R", "CAL_STATUS", "CAL_CHECKSUM", "CAL_AMBIENT",
+                                 "DIAG_F0_STATUS", "DIAG_F0", "DIAG_Z_LOW_DIFF", "QORA_STATE"})
+            EXPECT_EQ(must_find(catalogue, 0, x + " Protection 5f210 " + word).count, 4u);
+        EXPECT_EQ(must_find(catalogue, 0, x + " DSP1 Protection 5f210 RTLOG_DATA").count, 32u);
+        EXPECT_EQ(must_find(catalogue, 0, x + " DSP1 Protection cd RTLOG_VARIABLE").count, 16u);
+        for (std::string word : {"RTLOG_ENABLE", "RTLOG_COUNT", "RTLOG_STATE"})
+            EXPECT_TRUE(must_find(catalogue, 0, x + " DSP1 Protection cd " + word).is_tlv());
+        EXPECT_EQ(must_find(catalogue, 0, x + " AMP WR Registers").count, 12u);
+
+        const Control &source = must_find(catalogue, 0, x + " PCM Source");
+        EXPECT_EQ(source.items, (std::vector<std::string>{"ASPRX1", "ASPRX2", "DSP", "Zero"}));
+        EXPECT_GE(must_find(catalogue, 0, x + " DSP1 Firmware").item_index("Protection"), 0);
+        for (std::string sw : {" AMP Enable Switch", " DSP1 Preload Switch", " DSP1 Boot Switch"})
+            EXPECT_EQ(must_find(catalogue, 0, x + sw).type, Type::boolean);
+        const Control &mode = must_find(catalogue, 0, x + " DSP Mode");
+        EXPECT_EQ(mode.min, 0);
+        EXPECT_EQ(mode.max, 3);
+        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Set CAL_AMBIENT").min, -40);
+        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Set CAL_R").type, Type::integer);
+        const Control &active = must_find(catalogue, 0, x + " AMP Active Status");
+        EXPECT_EQ(active.access & tvox::sim::access_write, 0u);
+        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Get CAL_STATUS").access &
+                      tvox::sim::access_write,
+                  0u);
+        EXPECT_EQ(source.channel, x == "T" ? 0 : 1);
+    }
+}
+
+TEST(CatalogueTest, AmplifierCardHoldsRoutingAndHostDspControls)
+{
+    const Catalogue &catalogue = Catalogue::get(0);
+    for (std::string x : {"SPK", "RCV"}) {
+        EXPECT_GE(must_find(catalogue, 0, x + " DSP_RX1 Source").item_index("ASP_RX2"), 0);
+        EXPECT_GE(must_find(catalogue, 0, x + " DSP_RX2 Source").item_index("ASP_RX1"), 0);
+        EXPECT_GE(must_find(catalogue, 0, x + " DACPCM Source").item_index("DSP_TX1"), 0);
+        EXPECT_GE(must_find(catalogue, 0, x + " DSP1 Firmware").item_index("Protection"), 0);
+        const Control &volume = must_find(catalogue, 0, x + " Digital PCM Volume");
+        EXPECT_EQ(volume.max, 913);
+        must_find(catalogue, 0, x + " AMP Enable Switch");
+    }
+    EXPECT_EQ(must_find(catalogue, 0, "SPK Digital PCM Volume").count, 2u);
+    EXPECT_EQ(must_find(catalogue, 0, "SPK AMP Enable Switch").count, 2u);
+    must_find(catalogue, 0, "PRI_MI2S_RX Audio Mixer MultiMedia1");
+    EXPECT_TRUE(must_find(catalogue, 0, "RCV DSP1 Protection cd CAL_R").is_tlv());
+    EXPECT_EQ(must_find(catalogue, 0, "Tervox SP Channel Swap").items,
+              (std::vector<std::string>{"LR", "RL"}));
+    must_find(catalogue, 0, "Tervox SP Delta");
+    must_find(catalogue, 0, "Tervox SP Load Rx Config");
+}
+
+TEST(CatalogueTest, AgmCardHoldsInterfaceAndStreamControls)
+{
+    const Catalogue &catalogue = Catalogue::get(0);
+    for (std::string intf : {"TDM-LPAIF-RX-SECONDARY", "TDM-LPAIF-RX-TERTIARY", "VIRT-SPK-GROUP"}) {
+        const Control &media = must_find(catalogue, 100, intf + " rate ch fmt");
+        EXPECT_EQ(media.type, Type::integer);
+        EXPECT_EQ(media.count, 4u);
+        for (std::string word : {" metadata", " setParam", " group config"})
+            EXPECT_EQ(must_find(catalogue, 100, intf + word).count, 1024u);
+    }
+    for (std::string dev : {"PCM100", "PCM101"}) {
+        for (std::string word : {" metadata", " setParam", " getTaggedInfo", " group mux config"})
+            EXPECT_EQ(must_find(catalogue, 100, dev + word).count, 1024u);
+        for (std::string word : {" control", " connect", " disconnect"}) {
+            const Control &c = must_find(catalogue, 100, dev + word);
+            EXPECT_EQ(c.item_index("ZERO"), 0);
+            EXPECT_GT(c.item_index("TDM-LPAIF-RX-SECONDARY"), 0);
+            EXPECT_GT(c.item_index("VIRT-SPK-GROUP"), 0);
+        }
+    }
+    EXPECT_EQ(catalogue.find(0, "PCM100 connect"), nullptr);
+    EXPECT_EQ(catalogue.cards(), (std::vector<int>{0, 100}));
+}
+
+TEST(CatalogueTest, FillerControlsFollowTheRealOnesOnCardZero)
+{
+    const Catalogue &plain = Catalogue::get(0);
+    const Catalogue &filled = Catalogue::get(3);
+    ASSERT_EQ(filled.card(0).size(), plain.card(0).size() + 3);
+    EXPECT_EQ(filled.card(0).back().name, "Filler Control 0002");
+    EXPECT_EQ(filled.card(0)[plain.card(0).size()].name, "Filler Control 0000");
+    EXPECT_EQ(filled.card(100).size(), plain.card(100).size());
+    EXPECT_EQ(plain.find(0, "Filler Control 0000"), nullptr);
+
+    setenv("TVOXSIM_FILLER", "5", 1);
+    EXPECT_NE(Catalogue::from_env().find(0, "Filler Control 0004"), nullptr);
+    unsetenv("TVOXSIM_FILLER");
+}
+
+TEST(CatalogueTest, TextExpandsListsAndLoops)
+{
+    Catalogue catalogue;
+    std::string error;
+    ASSERT_TRUE(Catalogue::parse("card 3\n"
+                                 "list MODES A B # comment\n"
+                                 "for X in L $MODES\n"
+                                 "enum \"{X} Mode #1\" items=Z,$MODES default=B\n"
+                                 "end\n"
+                                 "bytes \"Blob\" count=6 default=1,0x22 ro\n"
+                                 "int \"Gain\" count=2 min=-5 max=5 step=5 default=0,-5\n",
+                                 catalogue, error))
+        << error;
+    std::span<const Control> card = catalogue.card(3);
+    ASSERT_EQ(card.size(), 5u);
+    EXPECT_EQ(card[2].name, "B Mode #1");
+    EXPECT_EQ(card[2].channel, 2);
+    EXPECT_EQ(card[2].items, (std::vector<std::string>{"Z", "A", "B"}));
+    EXPECT_EQ(card[2].default_numbers, (std::vector<int64_t>{2}));
+    EXPECT_EQ(card[3].default_bytes, (std::vector<uint8_t>{1, 0x22}));
+    EXPECT_EQ(card[3].access, tvox::sim::access_read);
+    EXPECT_EQ(card[3].channel, -1);
+    EXPECT_EQ(card[4].default_numbers, (std::vector<int64_t>{0, -5}));
+}
+
+TEST(CatalogueTest, TextErrorsNameTheLine)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"card 0\nfloat \"X\"\n", "line 2: unknown statement or type \"float\""},
+        {"int \"X\" min=0\n", "line 1: an integer control needs min <= max"},
+        {"int \"X\" min=0 max=3 default=4\n", "line 1: default 4 out of range"},
+        {"enum \"X\"\n", "line 1: an enumerated control needs items"},
+        {"enum \"X\" items=A,B default=C\n", "line 1: default \"C\" is not an item"},
+        {"bool \"X\"\nbool \"X\"\n", "line 2: duplicate control X"},
+        {"enum \"X\" items=$NONE\n", "line 1: unknown list $NONE"},
+        {"for X in A\nbool \"{X}\"\n", "line 2: \"for\" without \"end\""},
+        {"end\n", "line 1: \"end\" without \"for\""},
+        {"int \"X\" max=1 tlv\n", "line 1: only byte controls are tlv"},
+        {"bytes \"X\" count=600\n", "line 1: a plain byte control holds at most 512 bytes"},
+        {"bytes \"X\" count=2 default=1,2,3\n", "line 1: bad default bytes"},
+        {"bool \"X\" count=0\n", "line 1: bad attribute \"count=0\""},
+        {"bool \"X\n", "line 1: unterminated quote"},
+        {"bool \"An overly long control name that ALSA refuses\"\n",
+         "line 1: name longer than 43 characters: An overly long control name that ALSA "
+         "refuses"},
+    };
+    for (const auto &[text, expected] : cases) {
+        Catalogue catalogue;
+        std::string error;
+        EXPECT_FALSE(Catalogue::parse(text, catalogue, error)) << text;
+        EXPECT_EQ(error, expected) << text;
+    }
+}
+
+} // namespace

@@ -1,0 +1,116 @@
+// The tvoxsim command-line tool.
+#include "support/sim_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+
+namespace
+{
+
+struct Result {
+    int status;
+    std::string output;
+};
+
+class ToolTest : public tvox::test::SimTest
+{
+  protected:
+    Result tool(const std::string &args)
+    {
+        Result result{-1, {}};
+        FILE *pipe = popen((tool_path() + " " + args + " 2>&1").c_str(), "r");
+        if (pipe == nullptr)
+            return result;
+        std::array<char, 512> buffer{};
+        while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
+            result.output += buffer.data();
+        int status = pclose(pipe);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return result;
+    }
+};
+
+TEST_F(ToolTest, EnvPrintsExportsForAnAbsoluteFolder)
+{
+    std::filesystem::current_path(sim_dir());
+    Result env = tool("env sub");
+    EXPECT_EQ(env.status, 0);
+    EXPECT_EQ(env.output, "export TVOXSIM_DIR='" + sim_dir() + "/sub'\n" +
+                              "export ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + conf_path() +
+                              "'\nexport TINYALSA_CARD_0='tvoxsim:0'\n"
+                              "export TINYALSA_CARD_100='tvoxsim:100'\n");
+    // Without a folder argument the tool uses $TVOXSIM_DIR, as the fixture set it.
+    EXPECT_NE(tool("env").output.find("TVOXSIM_DIR='" + sim_dir() + "'"), std::string::npos);
+}
+
+TEST_F(ToolTest, RunStartsACommandInsideTheSimulator)
+{
+    std::string other = sim_dir() + "/it's here";
+    Result run = tool("run --dir \"" + other +
+                      "\" -- sh -c 'echo $TVOXSIM_DIR; amixer -D $TINYALSA_CARD_0 cset "
+                      "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
+    EXPECT_EQ(run.status, 7) << run.output;
+    EXPECT_EQ(run.output, other + "\n");
+    EXPECT_TRUE(std::filesystem::exists(other + "/journal"));
+    EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{1})) << "the fixture's folder";
+    EXPECT_EQ(tool("run -- /nonexistent/command").status, 127);
+    EXPECT_EQ(tool("run --dir").status, 2);
+    EXPECT_EQ(tool("run --").status, 2);
+}
+
+TEST_F(ToolTest, ShowAndJournalReportTheState)
+{
+    preset_enum(0, "T PCM Source", "DSP");
+    preset_bytes(0, "B DSP1 Protection 5f210 CH_BAL", {0, 0, 0, 3});
+    Result show = tool("show 0");
+    EXPECT_EQ(show.status, 0);
+    EXPECT_NE(show.output.find("T PCM Source"), std::string::npos);
+    EXPECT_NE(show.output.find(" DSP\n"), std::string::npos);
+    EXPECT_NE(show.output.find("00 00 00 03\n"), std::string::npos);
+    EXPECT_NE(show.output.find("bytes[4] tlv"), std::string::npos);
+    EXPECT_EQ(show.output.find("PCM100"), std::string::npos);
+    EXPECT_NE(tool("show 100").output.find("bytes[1024] tlv  00 00 00 00 (+1020 zero bytes)"),
+              std::string::npos);
+
+    ASSERT_EQ(system("amixer -D tvoxsim:0 cset name='T DSP Mode' 2 >/dev/null"), 0);
+    EXPECT_EQ(tool("journal").output, "ctl 0 \"T DSP Mode\" = 2\n");
+    EXPECT_EQ(tool("journal --clear").status, 0);
+    EXPECT_EQ(tool("journal").output, "");
+}
+
+TEST_F(ToolTest, InitStartsOverAndBadUsageFails)
+{
+    preset_ints(0, "T DSP Mode", {3});
+    ASSERT_EQ(system("amixer -D tvoxsim:0 cset name='B DSP Mode' 2 >/dev/null"), 0);
+    Result init = tool("init");
+    EXPECT_EQ(init.status, 0);
+    EXPECT_EQ(init.output, "simulator ready in " + sim_dir() + "\n");
+    EXPECT_EQ(tool("journal").output, "");
+    EXPECT_NE(tool("show 0").output.find("T DSP Mode                                   int"
+                                         "              1\n"),
+              std::string::npos);
+
+    const std::pair<const char *, const char *> bad[] = {
+        {"", "usage: tvoxsim COMMAND"},
+        {"frobnicate", "unknown command \"frobnicate\""},
+        {"show 7", "no such card: 7"},
+        {"show x", "no such card: x"},
+        {"init a b", "usage: tvoxsim init [DIR]"},
+        {"journal --all", "usage: tvoxsim journal [--clear]"},
+    };
+    for (const auto &[args, message] : bad) {
+        Result result = tool(args);
+        EXPECT_EQ(result.status, 2) << args;
+        EXPECT_NE(result.output.find(message), std::string::npos) << args << ": " << result.output;
+    }
+    Result help = tool("--help");
+    EXPECT_EQ(help.status, 0);
+    for (const char *command : {"init", "env", "run", "show", "journal"})
+        EXPECT_NE(help.output.find(std::string("\n  ") + command + " "), std::string::npos);
+    EXPECT_EQ(tool("init /proc/forbidden").status, 1);
+}
+
+} // namespace
