@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,26 +18,6 @@ struct CtlCloser {
     void operator()(snd_ctl_t *ctl) const { snd_ctl_close(ctl); }
 };
 using Ctl = std::unique_ptr<snd_ctl_t, CtlCloser>;
-
-struct Command {
-    int status;
-    std::string output;
-};
-
-// Runs a shell command with this process's environment; its standard output and error.
-Command run(const std::string &command)
-{
-    Command result{-1, {}};
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return result;
-    std::array<char, 512> buffer{};
-    while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
-        result.output += buffer.data();
-    int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-}
 
 class AlsaTest : public tvox::test::SimTest
 {
@@ -80,7 +59,7 @@ class AlsaTest : public tvox::test::SimTest
 
     std::string amixer(const std::string &args)
     {
-        return run("amixer -D tvoxsim:0 " + args).output;
+        return run_command("amixer -D tvoxsim:0 " + args).output;
     }
 };
 
@@ -207,10 +186,11 @@ TEST_F(AlsaTest, AmixerSetsAndReadsValuesThatPersistAcrossProcesses)
 
     preset_ints(0, "B DSP Mode", {3});
     EXPECT_NE(amixer("cget name='B DSP Mode'").find(": values=3"), std::string::npos);
-    EXPECT_NE(run("amixer -D tvoxsim:0 cset name='B AMP Active Status' 1").status, 0);
+    EXPECT_NE(run_command("amixer -D tvoxsim:0 cset name='B AMP Active Status' 1").status, 0);
     EXPECT_NE(amixer("cget name='RCV DSP1 Protection cd CAL_R'").find("TLV Byte control"),
               std::string::npos);
-    EXPECT_NE(run("amixer -D tvoxsim:7 controls").status, 0) << "no such card in the catalogue";
+    EXPECT_NE(run_command("amixer -D tvoxsim:7 controls").status, 0)
+        << "no such card in the catalogue";
 }
 
 TEST_F(AlsaTest, FillerControlsAppearOnCardZero)

@@ -17,7 +17,6 @@ namespace
 {
 
 using tvox::sim::Card;
-using tvox::sim::Layout;
 using tvox::sim::Session;
 using tvox::sim::State;
 using tvox::sim::Value;

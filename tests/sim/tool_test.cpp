@@ -3,40 +3,23 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 
 namespace
 {
 
-struct Result {
-    int status;
-    std::string output;
-};
+using tvox::test::CommandResult;
 
 class ToolTest : public tvox::test::SimTest
 {
   protected:
-    Result tool(const std::string &args)
-    {
-        Result result{-1, {}};
-        FILE *pipe = popen((tool_path() + " " + args + " 2>&1").c_str(), "r");
-        if (pipe == nullptr)
-            return result;
-        std::array<char, 512> buffer{};
-        while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
-            result.output += buffer.data();
-        int status = pclose(pipe);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return result;
-    }
+    CommandResult tool(const std::string &args) { return run_command(tool_path() + " " + args); }
 };
 
 TEST_F(ToolTest, EnvPrintsExportsForAnAbsoluteFolder)
 {
     std::filesystem::current_path(sim_dir());
-    Result env = tool("env sub");
+    CommandResult env = tool("env sub");
     EXPECT_EQ(env.status, 0);
     EXPECT_EQ(env.output, "export TVOXSIM_DIR='" + sim_dir() + "/sub'\n" +
                               "export ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + conf_path() +
@@ -49,9 +32,9 @@ TEST_F(ToolTest, EnvPrintsExportsForAnAbsoluteFolder)
 TEST_F(ToolTest, RunStartsACommandInsideTheSimulator)
 {
     std::string other = sim_dir() + "/it's here";
-    Result run = tool("run --dir \"" + other +
-                      "\" -- sh -c 'echo $TVOXSIM_DIR; amixer -D $TINYALSA_CARD_0 cset "
-                      "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
+    CommandResult run = tool("run --dir \"" + other +
+                             "\" -- sh -c 'echo $TVOXSIM_DIR; amixer -D $TINYALSA_CARD_0 cset "
+                             "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
     EXPECT_EQ(run.status, 7) << run.output;
     EXPECT_EQ(run.output, other + "\n");
     EXPECT_TRUE(std::filesystem::exists(other + "/journal"));
@@ -65,7 +48,7 @@ TEST_F(ToolTest, ShowAndJournalReportTheState)
 {
     preset_enum(0, "T PCM Source", "DSP");
     preset_bytes(0, "B DSP1 Protection 5f210 CH_BAL", {0, 0, 0, 3});
-    Result show = tool("show 0");
+    CommandResult show = tool("show 0");
     EXPECT_EQ(show.status, 0);
     EXPECT_NE(show.output.find("T PCM Source"), std::string::npos);
     EXPECT_NE(show.output.find(" DSP\n"), std::string::npos);
@@ -85,7 +68,7 @@ TEST_F(ToolTest, InitStartsOverAndBadUsageFails)
 {
     preset_ints(0, "T DSP Mode", {3});
     ASSERT_EQ(system("amixer -D tvoxsim:0 cset name='B DSP Mode' 2 >/dev/null"), 0);
-    Result init = tool("init");
+    CommandResult init = tool("init");
     EXPECT_EQ(init.status, 0);
     EXPECT_EQ(init.output, "simulator ready in " + sim_dir() + "\n");
     EXPECT_EQ(tool("journal").output, "");
@@ -102,11 +85,11 @@ TEST_F(ToolTest, InitStartsOverAndBadUsageFails)
         {"journal --all", "usage: tvoxsim journal [--clear]"},
     };
     for (const auto &[args, message] : bad) {
-        Result result = tool(args);
+        CommandResult result = tool(args);
         EXPECT_EQ(result.status, 2) << args;
         EXPECT_NE(result.output.find(message), std::string::npos) << args << ": " << result.output;
     }
-    Result help = tool("--help");
+    CommandResult help = tool("--help");
     EXPECT_EQ(help.status, 0);
     for (const char *command : {"init", "env", "run", "show", "journal"})
         EXPECT_NE(help.output.find(std::string("\n  ") + command + " "), std::string::npos);

@@ -4,6 +4,10 @@
 #include "environment.h"
 #include "state.h"
 
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -153,6 +157,20 @@ std::vector<std::string> SimTest::journal_lines()
 void SimTest::clear_journal()
 {
     EXPECT_EQ(state_->clear_journal(), 0);
+}
+
+CommandResult SimTest::run_command(const std::string &command)
+{
+    CommandResult result{-1, {}};
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return result;
+    std::array<char, 512> buffer{};
+    while (fgets(buffer.data(), buffer.size(), pipe) != nullptr)
+        result.output += buffer.data();
+    int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
 }
 
 } // namespace tvox::test

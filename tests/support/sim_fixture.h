@@ -27,6 +27,12 @@ class State;
 namespace tvox::test
 {
 
+// What a shell command printed (standard output and error together) and its exit status.
+struct CommandResult {
+    int status;
+    std::string output;
+};
+
 class SimTest : public ::testing::Test
 {
   protected:
@@ -54,6 +60,10 @@ class SimTest : public ::testing::Test
 
     std::vector<std::string> journal_lines();
     void clear_journal();
+
+    // Runs a shell command in this process's environment (so inside this test's simulator);
+    // status -1 when it could not run or did not exit normally.
+    static CommandResult run_command(const std::string &command);
 
   private:
     std::string dir_;
