@@ -85,10 +85,6 @@ TEST_F(Path, EveryTableAppliesWholeAndInOrder)
         EXPECT_EQ(written_controls(), expected) << table.name;
         expect_once(table.name);
     }
-    EXPECT_EQ(tvox::spk_playback_path.size(), 6u);
-    EXPECT_EQ(tvox::rcv_playback_path.size(), 7u);
-    EXPECT_EQ(tvox::rtlog_setup_path.size(), 8u);
-    EXPECT_EQ(tvox::reload_load_path.size(), 0u);
 
     // What the last tables left on the card.
     EXPECT_EQ(int_values(0, "B DSP1 Boot Switch"), (std::vector<long>{1}));

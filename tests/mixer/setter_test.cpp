@@ -113,12 +113,9 @@ TEST_F(Setter, ControlsByNumberOrByName)
     EXPECT_EQ(set(mode.c_str(), "2"), 0);
     EXPECT_EQ(int_values(0, "T DSP Mode"), (Ints{2}));
     // A number in C notation names the same control.
-    const std::string hex = "0x" + [&] {
-        char text[16];
-        std::snprintf(text, sizeof text, "%x", std::stoi(mode));
-        return std::string(text);
-    }();
-    EXPECT_EQ(set(hex.c_str(), "3"), 0);
+    char octal[16];
+    std::snprintf(octal, sizeof octal, "0%o", static_cast<unsigned int>(std::stoi(mode)));
+    EXPECT_EQ(set(octal, "3"), 0);
     EXPECT_EQ(int_values(0, "T DSP Mode"), (Ints{3}));
 
     EXPECT_EQ(set("No Such Control", "1", &err), 2);

@@ -11,6 +11,7 @@ namespace
 {
 
 using Builder = std::unique_ptr<str_builder, void (*)(str_builder *)>;
+using Text = std::unique_ptr<char, void (*)(void *)>;
 
 Builder make_builder(uint64_t capacity)
 {
@@ -22,134 +23,20 @@ std::string text_of(const Builder &sb)
     return str_builder_peek(sb.get());
 }
 
-TEST(StrBuilder, CreateFillsTheRecord)
+TEST(StrBuilder, RecordAndOperationPointers)
 {
     auto sb = make_builder(8);
     ASSERT_NE(sb, nullptr);
     EXPECT_EQ(sb->capacity, 8u);
     EXPECT_EQ(sb->length, 0u);
-    EXPECT_EQ(sb->buffer[0], '\0');
-    EXPECT_EQ(sb->add_str, &str_builder_add_str);
-    EXPECT_EQ(sb->add_char, &str_builder_add_char);
-    EXPECT_EQ(sb->add_int, &str_builder_add_int);
-    EXPECT_EQ(sb->peek, &str_builder_peek);
-    // Peek hands out the buffer itself.
-    EXPECT_EQ(str_builder_peek(sb.get()), sb->buffer);
-
-    // Calls through the record reach the same operations.
+    EXPECT_EQ(str_builder_peek(sb.get()), sb->buffer); // the buffer itself, not a copy
+    EXPECT_STREQ(sb->buffer, "");
     sb->add_str(sb.get(), "ab", 0);
     sb->add_char(sb.get(), 'c');
     sb->add_int(sb.get(), 7, 10);
     EXPECT_STREQ(sb->peek(sb.get()), "abc7");
-}
 
-TEST(StrBuilder, AppendsTextCharactersAndNumbers)
-{
-    auto sb = make_builder(4);
-    str_builder_add_str(sb.get(), "abc", 0);
-    EXPECT_EQ(text_of(sb), "abc");
-    str_builder_add_str(sb.get(), "xyz", 2);
-    EXPECT_EQ(text_of(sb), "abcxy");
-    // An explicit length copies exactly that many bytes, even past a NUL.
-    str_builder_add_str(sb.get(), "p\0q", 3);
-    EXPECT_EQ(str_builder_len(sb.get()), 8u);
-    EXPECT_EQ(std::string(sb->buffer, 8), std::string("abcxyp\0q", 8));
-    EXPECT_EQ(sb->buffer[8], '\0');
-
-    str_builder_clear(sb.get());
-    str_builder_add_str(sb.get(), nullptr, 3);
-    str_builder_add_str(sb.get(), "", 0);
-    EXPECT_EQ(str_builder_len(sb.get()), 0u);
-
-    str_builder_add_int(sb.get(), 255, 16);
-    str_builder_add_char(sb.get(), ' ');
-    str_builder_add_int(sb.get(), 255, 10);
-    str_builder_add_char(sb.get(), ' ');
-    str_builder_add_int(sb.get(), 255, 8);
-    str_builder_add_char(sb.get(), ' ');
-    str_builder_add_int(sb.get(), -1, 16);
-    str_builder_add_char(sb.get(), ' ');
-    str_builder_add_int(sb.get(), -1, 2);
-    str_builder_add_char(sb.get(), ' ');
-    str_builder_add_int(sb.get(), INT32_MIN, 10);
-    EXPECT_EQ(text_of(sb), "0xff 255 255 0xffffffff -1 -2147483648");
-    EXPECT_EQ(str_builder_len(sb.get()), text_of(sb).size());
-}
-
-TEST(StrBuilder, CapacityDoublesFromTheCreatedSize)
-{
-    auto sb = make_builder(4);
-    str_builder_add_str(sb.get(), "abc", 0);
-    EXPECT_EQ(sb->capacity, 4u);
-    str_builder_add_char(sb.get(), 'd');
-    EXPECT_EQ(sb->capacity, 8u);
-    str_builder_add_str(sb.get(), "efg", 0);
-    EXPECT_EQ(sb->capacity, 8u);
-    // One append that needs several doublings reallocates straight to the final size.
-    str_builder_add_str(sb.get(), std::string(20, 'x').c_str(), 0);
-    EXPECT_EQ(sb->capacity, 32u);
-    EXPECT_EQ(text_of(sb), "abcdefg" + std::string(20, 'x'));
-
-    auto odd = make_builder(3);
-    str_builder_add_str(odd.get(), "abcdefg", 0);
-    EXPECT_EQ(odd->capacity, 12u);
-    EXPECT_LE(odd->length + 1, odd->capacity);
-}
-
-TEST(StrBuilder, ClearTruncateAndDrop)
-{
-    auto sb = make_builder(16);
-    str_builder_add_str(sb.get(), "abcde", 0);
-    str_builder_truncate(sb.get(), 10);
-    EXPECT_EQ(text_of(sb), "abcde");
-    str_builder_truncate(sb.get(), 5);
-    EXPECT_EQ(text_of(sb), "abcde");
-    str_builder_truncate(sb.get(), 3);
-    EXPECT_EQ(text_of(sb), "abc");
-    EXPECT_EQ(str_builder_len(sb.get()), 3u);
-
-    str_builder_clear(sb.get());
-    str_builder_add_str(sb.get(), "abcde", 0);
-    str_builder_drop(sb.get(), 0);
-    EXPECT_EQ(text_of(sb), "abcde");
-    str_builder_drop(sb.get(), 2);
-    EXPECT_EQ(text_of(sb), "cde");
-    EXPECT_EQ(str_builder_len(sb.get()), 3u);
-    str_builder_drop(sb.get(), 3);
-    EXPECT_EQ(text_of(sb), "");
-    EXPECT_EQ(str_builder_len(sb.get()), 0u);
-
-    str_builder_add_str(sb.get(), "abcde", 0);
-    str_builder_drop(sb.get(), 9);
-    EXPECT_EQ(str_builder_len(sb.get()), 0u);
-    EXPECT_EQ(sb->buffer[0], '\0');
-    // Clearing keeps the capacity for reuse.
-    EXPECT_EQ(sb->capacity, 16u);
-}
-
-TEST(StrBuilder, DumpCopiesTheText)
-{
-    auto sb = make_builder(2);
-    str_builder_add_str(sb.get(), "hello", 0);
-    uint64_t len = 99;
-    std::unique_ptr<char, void (*)(void *)> copy(str_builder_dump(sb.get(), &len), std::free);
-    ASSERT_NE(copy, nullptr);
-    EXPECT_NE(copy.get(), sb->buffer);
-    EXPECT_STREQ(copy.get(), "hello");
-    EXPECT_EQ(len, 5u);
-    std::unique_ptr<char, void (*)(void *)> without_len(str_builder_dump(sb.get(), nullptr),
-                                                        std::free);
-    EXPECT_STREQ(without_len.get(), "hello");
-
-    auto empty = make_builder(1);
-    std::unique_ptr<char, void (*)(void *)> empty_copy(str_builder_dump(empty.get(), &len),
-                                                       std::free);
-    EXPECT_STREQ(empty_copy.get(), "");
-    EXPECT_EQ(len, 0u);
-}
-
-TEST(StrBuilder, NullBuilderIsIgnored)
-{
+    // A null builder is ignored by every operation.
     uint64_t len = 7;
     str_builder_add_str(nullptr, "x", 0);
     str_builder_add_char(nullptr, 'x');
@@ -162,6 +49,81 @@ TEST(StrBuilder, NullBuilderIsIgnored)
     EXPECT_EQ(str_builder_peek(nullptr), nullptr);
     EXPECT_EQ(str_builder_dump(nullptr, &len), nullptr);
     EXPECT_EQ(len, 7u);
+}
+
+TEST(StrBuilder, AppendsTextCharactersAndNumbers)
+{
+    auto sb = make_builder(4);
+    str_builder_add_str(sb.get(), "abc", 0);
+    str_builder_add_str(sb.get(), "xyz", 2);
+    EXPECT_EQ(text_of(sb), "abcxy");
+    // An explicit length copies exactly that many bytes, even past a NUL.
+    str_builder_add_str(sb.get(), "p\0q", 3);
+    EXPECT_EQ(std::string(sb->buffer, sb->length + 1), std::string("abcxyp\0q\0", 9));
+    str_builder_clear(sb.get());
+    str_builder_add_str(sb.get(), nullptr, 3);
+    str_builder_add_str(sb.get(), "", 0);
+    EXPECT_EQ(str_builder_len(sb.get()), 0u);
+
+    const struct {
+        int32_t value;
+        uint32_t base;
+    } numbers[] = {{255, 16}, {255, 10}, {255, 8}, {-1, 16}, {-1, 2}, {INT32_MIN, 10}};
+    for (const auto &n : numbers) {
+        str_builder_add_int(sb.get(), n.value, n.base);
+        str_builder_add_char(sb.get(), ' ');
+    }
+    EXPECT_EQ(text_of(sb), "0xff 255 255 0xffffffff -1 -2147483648 ");
+    EXPECT_EQ(str_builder_len(sb.get()), text_of(sb).size());
+}
+
+TEST(StrBuilder, CapacityDoublesFromTheCreatedSize)
+{
+    auto sb = make_builder(4);
+    str_builder_add_str(sb.get(), "abc", 0);
+    EXPECT_EQ(sb->capacity, 4u);
+    str_builder_add_char(sb.get(), 'd');
+    EXPECT_EQ(sb->capacity, 8u);
+    // One append that needs several doublings.
+    str_builder_add_str(sb.get(), std::string(20, 'x').c_str(), 0);
+    EXPECT_EQ(sb->capacity, 32u);
+    EXPECT_EQ(text_of(sb), "abcd" + std::string(20, 'x'));
+
+    auto odd = make_builder(3);
+    str_builder_add_str(odd.get(), "abcdefg", 0);
+    EXPECT_EQ(odd->capacity, 12u);
+}
+
+TEST(StrBuilder, ClearTruncateDropAndDump)
+{
+    auto sb = make_builder(16);
+    str_builder_add_str(sb.get(), "abcde", 0);
+    str_builder_truncate(sb.get(), 10); // never extends
+    EXPECT_EQ(text_of(sb), "abcde");
+    str_builder_truncate(sb.get(), 3);
+    EXPECT_EQ(text_of(sb), "abc");
+    EXPECT_EQ(str_builder_len(sb.get()), 3u);
+
+    str_builder_clear(sb.get());
+    str_builder_add_str(sb.get(), "abcde", 0);
+    str_builder_drop(sb.get(), 0);
+    EXPECT_EQ(text_of(sb), "abcde");
+    str_builder_drop(sb.get(), 2);
+    EXPECT_EQ(text_of(sb), "cde");
+    EXPECT_EQ(str_builder_len(sb.get()), 3u);
+
+    uint64_t len = 99;
+    Text copy(str_builder_dump(sb.get(), &len), std::free);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_NE(copy.get(), sb->buffer);
+    EXPECT_STREQ(copy.get(), "cde");
+    EXPECT_EQ(len, 3u);
+
+    str_builder_drop(sb.get(), 9);
+    EXPECT_EQ(text_of(sb), "");
+    EXPECT_EQ(sb->capacity, 16u);
+    Text empty(str_builder_dump(sb.get(), nullptr), std::free);
+    EXPECT_STREQ(empty.get(), "");
 }
 
 TEST(StrBuilderDeathTest, ZeroCapacityAndOversizeAbort)
