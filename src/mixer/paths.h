@@ -77,13 +77,8 @@ inline constexpr auto dsp_bypass_path = std::to_array<PathEntry>({
     {"B PCM Source", "ASPRX1"},
 });
 
-// The firmware reload's own copy of the amplifier-off steps.
-inline constexpr auto reload_off_path = std::to_array<PathEntry>({
-    {"T PCM Source", "Zero"},
-    {"T AMP Enable Switch", "0"},
-    {"B PCM Source", "Zero"},
-    {"B AMP Enable Switch", "0"},
-});
+// The firmware reload's own table, with the amplifier-off steps.
+inline constexpr auto reload_off_path = amp_off_path;
 
 // Applied after reload_off_path: it only opens and closes the mixer.
 inline constexpr std::array<PathEntry, 0> reload_load_path{};
