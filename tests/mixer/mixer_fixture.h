@@ -2,7 +2,6 @@
 #pragma once
 
 #include "mixer/mixer_handle.h"
-#include "state.h" // SimTest holds the simulator state by unique_ptr
 #include "support/sim_fixture.h"
 
 #include <cstdlib>
