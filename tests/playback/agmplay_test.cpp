@@ -285,14 +285,7 @@ TEST_F(AgmplayTest, SigintStopsPlaybackForGood)
     }
     close(results[1]);
 
-    bool running = false;
-    for (int i = 0; i < 300 && !running; ++i) {
-        const auto record = stream(100, 100);
-        running = record && record->running && record->pid == static_cast<uint32_t>(child);
-        if (!running)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(running);
+    ASSERT_TRUE(wait_until_running(100, 100, child));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     ASSERT_EQ(kill(child, SIGINT), 0);
 

@@ -8,8 +8,12 @@
 #include "phone.h"
 #include "state.h"
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace tvox::test
 {
@@ -36,6 +40,18 @@ class PlaybackTest : public SimTest
         tvox::sim::Session session = state().lock();
         const tvox::sim::PcmRecord *record = session.stream(card, device, false);
         return record ? std::optional(*record) : std::nullopt;
+    }
+
+    // Waits up to 3 s for process `pid` to run a stream on (card, device).
+    bool wait_until_running(int card, int device, pid_t pid)
+    {
+        for (int i = 0; i < 300; ++i) {
+            const auto record = stream(card, device);
+            if (record && record->running && record->pid == static_cast<uint32_t>(pid))
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
     }
 };
 

@@ -14,7 +14,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <thread>
 
 namespace
 {
@@ -222,14 +221,7 @@ TEST_F(TplayTest, ThreeSecondFileTakesAboutThreeSecondsAndIsSeenRunning)
         _exit(tervox_tplay(&ctx));
     }
 
-    bool seen_running = false;
-    for (int i = 0; i < 200 && !seen_running; ++i) {
-        const auto record = stream(0, 0);
-        seen_running = record && record->running && record->pid == static_cast<uint32_t>(child);
-        if (!seen_running)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_TRUE(seen_running);
+    EXPECT_TRUE(wait_until_running(0, 0, child));
     const std::string command = "env -u LD_PRELOAD " + tool_path() + " streams";
     std::string listing;
     if (FILE *tool = popen(command.c_str(), "r")) {
