@@ -70,7 +70,7 @@ int32_t set_values(struct mixer_ctl *ctl, const ValueTokens &tokens)
     const unsigned int count = mixer_ctl_get_num_values(ctl);
     const std::size_t n = tokens.size();
     if (n == 1) {
-        const int value = static_cast<int>(parse_number(tokens[0]).value);
+        const int value = std::atoi(tokens[0]);
         for (unsigned int i = 0; i < count; ++i) {
             if (mixer_ctl_set_value(ctl, i, value) != 0) {
                 std::fprintf(stderr, "Error: invalid value\n");
@@ -85,9 +85,9 @@ int32_t set_values(struct mixer_ctl *ctl, const ValueTokens &tokens)
         return kRefused;
     }
     // Only the first token decides that this is a list of numbers; the others are written as
-    // they read, so a stray word becomes 0.
+    // atoi reads them, so a stray word becomes 0.
     for (std::size_t i = 0; i < n; ++i) {
-        const int value = static_cast<int>(parse_number(tokens[i]).value);
+        const int value = std::atoi(tokens[i]);
         if (mixer_ctl_set_value(ctl, static_cast<unsigned int>(i), value) != 0) {
             std::fprintf(stderr, "Error: invalid value for index %d\n", static_cast<int>(i));
             return kRefused;
@@ -165,9 +165,9 @@ struct mixer_ctl *find_control(struct mixer *mixer, const char *control)
 {
     if (control == nullptr)
         return nullptr;
-    const Number number = parse_number(control);
-    if (number.whole)
-        return mixer_get_ctl(mixer, static_cast<unsigned int>(number.value));
+    // Any base-0 number names a control by its index, which is read the plain decimal way.
+    if (parse_number(control).whole)
+        return mixer_get_ctl(mixer, static_cast<unsigned int>(std::atoi(control)));
     return mixer_get_ctl_by_name(mixer, control);
 }
 
