@@ -68,14 +68,12 @@ class Connection
 // failing step ends the sequence (the failure is printed, the caller still reports 0).
 void play_through_graph(const struct tervox &ctx, std::FILE *file, const tvox::WavFormat &wav)
 {
-    tvox::MallocPtr<struct group_config> group_config(
-        static_cast<struct group_config *>(std::calloc(1, sizeof(struct group_config))));
+    const auto group_config = tvox::allocate_zeroed<struct group_config>();
     if (!group_config) {
         std::puts("Failed to allocate memory for group config");
         return;
     }
-    tvox::MallocPtr<struct device_config> device_config(
-        static_cast<struct device_config *>(std::calloc(1, sizeof(struct device_config))));
+    const auto device_config = tvox::allocate_zeroed<struct device_config>();
     if (!device_config) {
         std::puts("Failed to allocate memory for dev config");
         return;

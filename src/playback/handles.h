@@ -25,6 +25,12 @@ struct FreeDeleter {
 // malloc'd storage: the players report an allocation failure instead of aborting.
 template <typename T> using MallocPtr = std::unique_ptr<T, FreeDeleter>;
 
+// One zero-filled T, or none when memory runs out.
+template <typename T> MallocPtr<T> allocate_zeroed()
+{
+    return MallocPtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
+}
+
 // Opens a played file for reading; a missing path opens nothing.
 inline FileHandle open_for_reading(const char *path)
 {
