@@ -1,6 +1,9 @@
 // A context as a HAL holds it: zero-filled, initialised, its files in a folder of the test's own.
 #pragma once
 
+#include "calibration/results.h"
+#include "dsp_model.h"
+#include "mixer/paths.h"
 #include "state.h" // SimTest holds the simulator state by unique_ptr
 #include "support/capture.h"
 #include "support/sim_fixture.h"
@@ -9,11 +12,13 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tvox::test
@@ -85,6 +90,17 @@ using ContextTest = ContextFixture<::testing::Test>;
 class SimContextTest : public ContextFixture<SimTest>
 {
   protected:
+    void SetUp() override
+    {
+        ContextFixture<SimTest>::SetUp();
+        active_ = this;
+    }
+    void TearDown() override
+    {
+        active_ = nullptr;
+        ContextFixture<SimTest>::TearDown();
+    }
+
     // A DSP parameter as the firmware holds it: four bytes, most significant first.
     void preset_word(std::string_view name, uint32_t value)
     {
@@ -92,6 +108,62 @@ class SimContextTest : public ContextFixture<SimTest>
                      {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
                       static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
     }
+
+    // The speaker behind a channel, by the raw CAL_R code the amplifier measures for it.
+    void set_speaker(unsigned channel, int32_t raw,
+                     tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
+                     double f0_hz = 800)
+    {
+        tvox::sim::Session session = state().lock();
+        session.speaker(channel) = {tvox::cal_r_ohms(raw), f0_hz, fault, 0};
+    }
+
+    // A silent stream on card 0 as the sink records it, running since `ago` before now.
+    void record_silence(std::chrono::nanoseconds ago, bool running = true)
+    {
+        tvox::sim::Session session = state().lock();
+        tvox::sim::PcmRecord *record = session.stream(0, 0, true);
+        ASSERT_NE(record, nullptr);
+        record->running = running;
+        record->start_time_ns = tvox::sim::now_ns() - ago.count();
+        record->stop_time_ns = running ? 0 : tvox::sim::now_ns();
+        record->peak = 0.0;
+        record->starts++;
+    }
+
+  public:
+    // Playback slots that stand for the silent file. Settled: the amplifiers have been hearing
+    // silence long enough for the firmware to settle. Starting: the silence starts now. Either
+    // way the stream stays running.
+    static int32_t settled_silence(struct tervox *)
+    {
+        active_->record_silence(std::chrono::seconds(2));
+        return 0;
+    }
+    static int32_t starting_silence(struct tervox *)
+    {
+        active_->record_silence(std::chrono::seconds(0));
+        return 0;
+    }
+
+  protected:
+    // A calibration run by the firmware alone, so that tests of reading it back start from a
+    // measured result: calibration mode while silence plays, then everything off again.
+    void calibrate_amplifiers()
+    {
+        tvox::apply_path(tvox::amp_on_dsp_path);
+        tvox::apply_path(tvox::cal_mode_path);
+        record_silence(std::chrono::nanoseconds(0));
+        std::this_thread::sleep_for(std::chrono::nanoseconds(tvox::sim::dsp::kSettleNs) +
+                                    std::chrono::milliseconds(150));
+        tvox::apply_path(tvox::run_mode_path);
+        tvox::apply_path(tvox::amp_off_path);
+        record_silence(std::chrono::nanoseconds(0), false);
+        clear_journal();
+    }
+
+  private:
+    static inline SimContextTest *active_ = nullptr;
 };
 
 } // namespace tvox::test

@@ -46,64 +46,56 @@ class RunTest : public SimContextTest
         SimContextTest::SetUp();
         g_playbacks = 0;
         ctx_.playback = counting_playback;
-        preset_calibration("T", 1, 9000, 0x1234);
-        preset_calibration("B", 3, 7000, 0x5678);
-    }
-
-    // What the DSPs report after measuring a channel.
-    void preset_calibration(const std::string &channel, uint32_t status, int32_t cal_r,
-                            uint32_t checksum)
-    {
-        preset_word(channel + " DSP Get CAL_STATUS", status);
-        preset_word(channel + " DSP Get CAL_R", static_cast<uint32_t>(cal_r));
-        preset_word(channel + " DSP1 Protection 5f210 CAL_CHECKSUM", checksum);
+        set_speaker(0, 9000);
+        set_speaker(1, 7000);
     }
 
     long value(const std::string &name) { return int_values(0, name).at(0); }
 };
 
+// The synchronous sequence relies on the firmware having calibrated already.
 TEST_F(RunTest, SynchronousCalibrationReadsChecksStoresAndApplies)
 {
+    calibrate_amplifiers();
     preset_ints(0, "T AMP Enable Switch", {1});
-    preset_word("B DSP1 Protection 5f210 CAL_AMBIENT", 30);
     LogCapture log;
     EXPECT_EQ(tervox_cal_calibration(), 0);
     EXPECT_EQ(g_playbacks, 1);
 
     EXPECT_EQ(ctx_.cal[0].status, 1u);
     EXPECT_EQ(ctx_.cal[0].cal_r, 9000);
-    EXPECT_EQ(ctx_.cal[0].checksum, 0x1234u);
-    EXPECT_EQ(ctx_.cal[1].status, 3u);
+    EXPECT_EQ(ctx_.cal[0].checksum, 9001u);
+    EXPECT_EQ(ctx_.cal[1].status, 1u);
     EXPECT_EQ(ctx_.cal[1].cal_r, 7000);
-    EXPECT_EQ(ctx_.cal[1].checksum, 0x5678u);
+    EXPECT_EQ(ctx_.cal[1].checksum, 7001u);
     // Status, CAL_R and checksum per channel, then the last channel's ambient for the log.
     const std::vector<std::string> reads = {"ctl(T DSP Get CAL_STATUS) =      1\n",
                                             "ctl(T DSP Get CAL_R) =   2328\n",
-                                            "ctl(T DSP1 Protection 5f210 CAL_CHECKSUM) =   1234\n",
-                                            "ctl(B DSP Get CAL_STATUS) =      3\n",
+                                            "ctl(T DSP1 Protection 5f210 CAL_CHECKSUM) =   2329\n",
+                                            "ctl(B DSP Get CAL_STATUS) =      1\n",
                                             "ctl(B DSP Get CAL_R) =   1b58\n",
-                                            "ctl(B DSP1 Protection 5f210 CAL_CHECKSUM) =   5678\n",
+                                            "ctl(B DSP1 Protection 5f210 CAL_CHECKSUM) =   1b59\n",
                                             "ctl(B DSP1 Protection 5f210 CAL_AMBIENT) =     1e\n"};
     EXPECT_EQ(dsp_reads(log), reads);
-    EXPECT_TRUE(log.contains(
-        "tervox_cal_calibration: Channel[1] : status[3], chksum[22136], calr[7000]\n"));
+    EXPECT_TRUE(
+        log.contains("tervox_cal_calibration: Channel[1] : status[1], chksum[7001], calr[7000]\n"));
 
     EXPECT_EQ(read_file(bin_), words_bytes({9000, 7000}));
     EXPECT_EQ(read_file(txt_), "CH[0] T : 9000 (6.43)\nCH[1] B : 7000 (5.00)\n");
     EXPECT_EQ(value("T DSP Set CAL_R"), 9000);
     EXPECT_EQ(value("B DSP Set CAL_R"), 7000);
     EXPECT_TRUE(log.contains("tervox_cal_apply: Channel[1] CAL_R = 7000\n"));
-    // The amplifiers were switched off before the measurement.
+    // The amplifiers were switched off before the measurement was read.
     EXPECT_EQ(value("T AMP Enable Switch"), 0);
     EXPECT_EQ(enum_item(0, "B PCM Source"), "Zero");
 }
 
 TEST_F(RunTest, SynchronousCalibrationStoresNothingWhenItFails)
 {
-    preset_calibration("B", 2, 7000, 0);
+    set_speaker(1, 7000, tvox::sim::SpeakerFault::calibration_failure);
+    calibrate_amplifiers();
     EXPECT_EQ(tervox_cal_calibration(), 4);
-    preset_calibration("B", 1, 6499, 0);
-    EXPECT_EQ(tervox_cal_calibration(), 16);
+    EXPECT_EQ(ctx_.cal[1].status, 4u);
     EXPECT_FALSE(std::filesystem::exists(bin_));
     EXPECT_FALSE(std::filesystem::exists(txt_));
     EXPECT_EQ(value("T DSP Set CAL_R"), 8391);
@@ -117,15 +109,15 @@ TEST_F(RunTest, SynchronousCalibrationStoresNothingWhenItFails)
     EXPECT_TRUE(log.contains("No dummy playbcak api, error!\n", "AHAL:TERVOX"));
     EXPECT_EQ(ctx_.cal[0].cal_r, 1);
 
-    // An active amplifier stops it before anything is switched or played.
+    // An amplifier that is playing stops it before anything is switched or played.
     ctx_.playback = counting_playback;
-    preset_ints(0, "B AMP Active Status", {1});
-    preset_ints(0, "T AMP Enable Switch", {1});
+    record_silence(std::chrono::seconds(0));
+    tvox::apply_path(tvox::amp_on_dsp_path);
     EXPECT_EQ(tervox_cal_calibration(), -1);
     EXPECT_TRUE(log.contains("tervox_cal_calibration: AMP is active, abort calibration!\n"));
     EXPECT_EQ(ctx_.cal_ok, 0);
     EXPECT_EQ(value("T AMP Enable Switch"), 1);
-    EXPECT_EQ(g_playbacks, 2);
+    EXPECT_EQ(g_playbacks, 1);
 }
 
 TEST_F(RunTest, AMissingReadBackControlReadsAsTheReaderPreset)
@@ -136,10 +128,12 @@ TEST_F(RunTest, AMissingReadBackControlReadsAsTheReaderPreset)
     names[CTL_CAL_CHECKSUM] = "B No Such CAL_CHECKSUM";
     names[CTL_CAL_AMBIENT] = "B No Such CAL_AMBIENT";
     ctx_.get_ctls[1] = names;
-    EXPECT_EQ(tervox_cal_calibration(), 4);
+    // Nothing calibrated yet: channel 0 reports status 0 and the CAL_R in use.
+    EXPECT_EQ(tervox_cal_calibration(), 8);
+    EXPECT_EQ(ctx_.cal[0].status, 0u);
     EXPECT_EQ(static_cast<int32_t>(ctx_.cal[1].status), -5636096);
     EXPECT_EQ(static_cast<int32_t>(ctx_.cal[1].checksum), -5636096);
-    EXPECT_EQ(ctx_.cal[1].cal_r, 7000);
+    EXPECT_EQ(ctx_.cal[1].cal_r, 8391);
 }
 
 TEST_F(RunTest, ReadingWithoutChannelsWalksPastTheLastChannel)
@@ -203,21 +197,18 @@ class RunStateTest : public RunTest
     {
         RunTest::SetUp();
         ctx_.diag_mode = 1;
-        for (const std::string channel : {"T", "B"}) {
-            preset_word(channel + " Protection 5f210 DIAG_F0_STATUS", 2);
-            preset_word(channel + " Protection 5f210 CAL_STATUS", 1);
-            preset_word(channel + " Protection 5f210 CAL_R", 8391);
-        }
+        ctx_.playback = settled_silence;
     }
 };
 
 TEST_F(RunStateTest, RunRecordsTheOutcomeAndReturnsToIdle)
 {
+    calibrate_amplifiers();
     LogCapture log;
     EXPECT_EQ(ctx_.run_calibration(), 0);
     EXPECT_EQ(ctx_.cal_state, 0u);
     EXPECT_EQ(ctx_.cal_ok, 1);
-    EXPECT_EQ(read_file(bin_), words_bytes({8391, 8391}));
+    EXPECT_EQ(read_file(bin_), words_bytes({9000, 7000}));
     const auto info = tervox_lines(log, ANDROID_LOG_INFO);
     ASSERT_GE(info.size(), 3u);
     EXPECT_EQ(info[0], "tervox_cal_run_calibration: running...\n");
@@ -226,7 +217,7 @@ TEST_F(RunStateTest, RunRecordsTheOutcomeAndReturnsToIdle)
     EXPECT_EQ(info.back(), "tervox_cal_run_calibration: Tried 0 times, ret = 0, state = 0\n");
 
     // A failed run is recorded, and the amplifiers end switched off either way.
-    preset_word("B Protection 5f210 DIAG_F0_STATUS", 0);
+    set_speaker(1, 7000, tvox::sim::SpeakerFault::f0_failure);
     clear_journal();
     log.clear();
     EXPECT_EQ(tervox_cal_run_calibration_test(), 4);
@@ -287,9 +278,10 @@ TEST_F(RunStateTest, ASecondRunWhileOneIsRunningIsRefused)
         gate.open = true;
     }
     gate.changed.notify_all();
-    EXPECT_EQ(first.get(), 0);
+    // Nothing played for the firmware: the first run fails on its own.
+    EXPECT_EQ(first.get(), 8);
     EXPECT_EQ(ctx_.cal_state, 0u);
-    EXPECT_EQ(ctx_.cal_ok, 1);
+    EXPECT_EQ(ctx_.cal_ok, 0);
 }
 
 } // namespace

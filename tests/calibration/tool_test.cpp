@@ -31,9 +31,9 @@ Outcome run_tool(const std::string &arguments)
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
-using ToolTest = SimContextTest;
+using TvoxspToolTest = SimContextTest;
 
-TEST_F(ToolTest, HelpAndUsageErrors)
+TEST_F(TvoxspToolTest, HelpAndUsageErrors)
 {
     const Outcome help = run_tool("--help");
     EXPECT_EQ(help.status, 0);
@@ -54,7 +54,7 @@ TEST_F(ToolTest, HelpAndUsageErrors)
     EXPECT_EQ(run_tool("diagnose now").status, 2);
 }
 
-TEST_F(ToolTest, ReportPrintsTheTable)
+TEST_F(TvoxspToolTest, ReportPrintsTheTable)
 {
     preset_ints(0, "T DSP Set CAL_R", {8500});
     const Outcome report = run_tool("report --f0");
