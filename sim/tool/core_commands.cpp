@@ -79,6 +79,18 @@ int init(std::span<char *const> args)
     return 0;
 }
 
+// The phone paths ("/odm", "/sdcard", "/mnt/vendor/persist") of a program run inside the
+// simulator lead into the simulator folder through the preload library.
+std::string preload_list()
+{
+    const char *current = std::getenv("LD_PRELOAD");
+    std::string list = TVOXSIM_PRELOAD_PATH;
+    if (current != nullptr && *current != '\0' &&
+        std::strstr(current, TVOXSIM_PRELOAD_PATH) == nullptr)
+        list += std::string(":") + current;
+    return list;
+}
+
 int env(std::span<char *const> args)
 {
     if (args.size() > 1)
@@ -86,6 +98,7 @@ int env(std::span<char *const> args)
     std::string dir = simulator_dir(args.empty() ? "" : args[0]);
     for (const auto &[name, value] : environment(dir, TVOXSIM_CONF_PATH))
         std::printf("export %s=%s\n", name.c_str(), shell_quote(value).c_str());
+    std::printf("export LD_PRELOAD=%s\n", shell_quote(preload_list()).c_str());
     return 0;
 }
 
@@ -106,8 +119,10 @@ int run(std::span<char *const> args)
     std::string dir = simulator_dir(dir_arg);
     if (int status = prepare(dir); status != 0)
         return status;
-    if (int err = apply_environment(dir, TVOXSIM_CONF_PATH); err < 0) {
-        std::fprintf(stderr, "tvoxsim: cannot set the environment: %s\n", std::strerror(-err));
+    if (int err = apply_environment(dir, TVOXSIM_CONF_PATH);
+        err < 0 || setenv("LD_PRELOAD", preload_list().c_str(), 1) != 0) {
+        std::fprintf(stderr, "tvoxsim: cannot set the environment: %s\n",
+                     std::strerror(err < 0 ? -err : errno));
         return exit_failure;
     }
     std::vector<char *> argv(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
