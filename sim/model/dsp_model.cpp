@@ -27,20 +27,21 @@ constexpr int64_t kCalibrationMode = 2;
 struct ChannelState {
     int64_t mode_since_ns; // when calibration mode was last entered, 0 outside it
     int64_t path_since_ns; // since when amplifier on and source DSP, 0 while not
-    uint32_t status;
-    int32_t cal_r;
-    uint32_t checksum;
-    uint8_t has_result; // a calibration has measured, or given up for want of signal
-    uint8_t measured;   // the current calibration has heard enough: its result stays
+    int32_t cal_r;         // the CAL_R the model last published
+    uint8_t measured;      // the current calibration has heard enough: its result stands
+    uint8_t owned;         // the model has published a calibration of this channel
     uint8_t reserved[2];
 };
 
-// Whether a stream's latest run reached the amplifiers, as seen when it started (an AGM front
-// end is disconnected again once its stream stops).
-struct StreamReach {
+// The latest run of one stream record as the model saw it: whether it reached the amplifiers
+// when it started (an AGM front end is disconnected again once its stream stops) and whether
+// it has already served as the F0 measurement.
+struct StreamSeen {
     uint64_t starts;
-    uint32_t reaches;
-    uint32_t reserved;
+    int64_t start_time_ns;
+    uint8_t reaches;
+    uint8_t measured;
+    uint8_t reserved[6];
 };
 
 struct Area {
@@ -48,12 +49,12 @@ struct Area {
     uint32_t version;
     uint32_t reserved;
     ChannelState channels[kChannels];
-    StreamReach streams[kMaxStreams];
+    StreamSeen streams[kMaxStreams];
 };
 static_assert(sizeof(Area) <= kModelAreaBytes);
 
 constexpr char kMagic[8] = "DSPMODL";
-constexpr uint32_t kAreaVersion = 1;
+constexpr uint32_t kAreaVersion = 2;
 
 Area &area(Session &session)
 {
@@ -67,23 +68,101 @@ Area &area(Session &session)
     return *model_area;
 }
 
+// The firmware values the model publishes, and the controls (by the part of the name after
+// "X ") that show each of them.
+enum class Word { cal_r, status, checksum, ambient, f0_status, f0, z_low_diff, active };
+
+struct Mirror {
+    Word word;
+    std::string_view suffix;
+};
+
+constexpr std::array<Mirror, 17> kMirrors = {{
+    {Word::status, "DSP Get CAL_STATUS"},
+    {Word::status, "DSP1 Protection 5f210 CAL_STATUS"},
+    {Word::status, "Protection 5f210 CAL_STATUS"},
+    {Word::cal_r, "DSP Get CAL_R"},
+    {Word::cal_r, "DSP1 Protection 5f210 CAL_R"},
+    {Word::cal_r, "Protection 5f210 CAL_R"},
+    {Word::checksum, "DSP1 Protection 5f210 CAL_CHECKSUM"},
+    {Word::checksum, "Protection 5f210 CAL_CHECKSUM"},
+    {Word::ambient, "DSP1 Protection 5f210 CAL_AMBIENT"},
+    {Word::ambient, "Protection 5f210 CAL_AMBIENT"},
+    {Word::f0_status, "DSP1 Protection 5f210 DIAG_F0_STATUS"},
+    {Word::f0_status, "Protection 5f210 DIAG_F0_STATUS"},
+    {Word::f0, "DSP1 Protection 5f210 DIAG_F0"},
+    {Word::f0, "Protection 5f210 DIAG_F0"},
+    {Word::z_low_diff, "DSP1 Protection 5f210 DIAG_Z_LOW_DIFF"},
+    {Word::z_low_diff, "Protection 5f210 DIAG_Z_LOW_DIFF"},
+    {Word::active, "AMP Active Status"},
+}};
+
+std::optional<Word> published_word(std::string_view suffix)
+{
+    for (const Mirror &mirror : kMirrors) {
+        if (mirror.suffix == suffix)
+            return mirror.word;
+    }
+    return std::nullopt;
+}
+
 std::string control_name(unsigned channel, std::string_view suffix)
 {
     return std::string(kLetters[channel]) + " " + std::string(suffix);
 }
 
-// First value of a card-0 control as stored, or its default when nothing is stored yet.
-int64_t stored_number(Session &session, unsigned channel, std::string_view suffix)
+// The value storage of a card-0 control of `channel`, created with its defaults when missing.
+ControlSlot *slot_of(Session &session, unsigned channel, std::string_view suffix)
 {
     const std::string name = control_name(channel, suffix);
-    if (ControlSlot *slot = session.find(kAmpCard, name)) {
-        std::span<int64_t> numbers = session.numbers(*slot);
-        if (!numbers.empty())
-            return numbers[0];
-    }
+    if (ControlSlot *slot = session.find(kAmpCard, name))
+        return slot;
     const Control *control = Catalogue::from_env().find(kAmpCard, name);
-    return control != nullptr && !control->default_numbers.empty() ? control->default_numbers[0]
-                                                                   : 0;
+    return control != nullptr ? session.bind(*control) : nullptr;
+}
+
+int64_t stored_number(Session &session, unsigned channel, std::string_view suffix)
+{
+    ControlSlot *slot = slot_of(session, channel, suffix);
+    if (slot == nullptr || session.numbers(*slot).empty())
+        return 0;
+    return session.numbers(*slot)[0];
+}
+
+// A stored DSP word, as the signed 25-bit value it holds.
+int32_t stored_word(Session &session, unsigned channel, std::string_view suffix)
+{
+    ControlSlot *slot = slot_of(session, channel, suffix);
+    if (slot == nullptr || session.bytes(*slot).size() < 4)
+        return 0;
+    const uint32_t word = load_be32(session.bytes(*slot), 0);
+    return static_cast<int32_t>(word << 7) >> 7;
+}
+
+// Stores `value` in every control that shows `word` on `channel`: a DSP word in byte controls,
+// the number itself in the others.
+void publish(Session &session, unsigned channel, Word word, int32_t value)
+{
+    for (const Mirror &mirror : kMirrors) {
+        if (mirror.word != word)
+            continue;
+        ControlSlot *slot = slot_of(session, channel, mirror.suffix);
+        if (slot == nullptr)
+            continue;
+        if (std::span<uint8_t> bytes = session.bytes(*slot); bytes.size() >= 4)
+            store_be32(bytes, 0, to_word(value));
+        else if (std::span<int64_t> numbers = session.numbers(*slot); !numbers.empty())
+            numbers[0] = value;
+    }
+}
+
+void publish_calibration(Session &session, Area &a, unsigned channel, const Calibration &result)
+{
+    publish(session, channel, Word::status, static_cast<int32_t>(result.status));
+    publish(session, channel, Word::cal_r, result.cal_r);
+    publish(session, channel, Word::checksum, static_cast<int32_t>(result.checksum));
+    a.channels[channel].cal_r = result.cal_r;
+    a.channels[channel].owned = 1;
 }
 
 int32_t cal_r_in_use(Session &session, unsigned channel)
@@ -111,14 +190,19 @@ bool connected_to_amps(Session &session, int device)
     return false;
 }
 
+bool same_run(const StreamSeen &seen, const PcmRecord &record)
+{
+    return seen.starts == record.starts && seen.start_time_ns == record.start_time_ns;
+}
+
 bool reaches_amps(Session &session, Area &a, const PcmRecord &record, size_t index)
 {
     if (record.card == kAmpCard)
         return true;
     if (record.card != agm::kAgmCard)
         return false;
-    const StreamReach &seen = a.streams[index];
-    return (seen.starts == record.starts && seen.reaches != 0) ||
+    const StreamSeen &seen = a.streams[index];
+    return (same_run(seen, record) && seen.reaches != 0) ||
            (record.running != 0 && connected_to_amps(session, record.device));
 }
 
@@ -153,9 +237,48 @@ int64_t silence_heard(Session &session, Area &a, int64_t from, int64_t now)
     return longest;
 }
 
-bool speaker_exercised(Session &session, Area &a, int64_t now)
+// Brings a running calibration up to `now`: once it has heard enough silence in calibration
+// mode with the path ready, it publishes the measurement of the channel's speaker. True when
+// it published.
+bool settle(Session &session, Area &a, unsigned channel, int64_t now)
 {
-    return silence_heard(session, a, 0, now) >= kSettleNs;
+    ChannelState &state = a.channels[channel];
+    if (state.mode_since_ns == 0 || state.measured || state.path_since_ns == 0)
+        return false;
+    const int64_t from = std::max(state.mode_since_ns, state.path_since_ns);
+    if (silence_heard(session, a, from, now) < kSettleNs)
+        return false;
+    publish_calibration(session, a, channel, measure(session.speaker(channel)));
+    state.measured = 1;
+    return true;
+}
+
+// A stream run that has played silence to the amplifiers for long enough is the F0
+// measurement of every channel, published once per run. True when it published.
+bool observe_streams(Session &session, Area &a, int64_t now)
+{
+    bool published = false;
+    for (size_t i = 0; i < session.streams().size(); ++i) {
+        const PcmRecord &record = session.streams()[i];
+        StreamSeen &seen = a.streams[i];
+        if (same_run(seen, record) && seen.measured)
+            continue;
+        const Run run = silent_run(session, a, i, now);
+        if (run.end - run.begin < kSettleNs)
+            continue;
+        if (!same_run(seen, record))
+            seen = StreamSeen{record.starts, record.start_time_ns, 1, 0, {}};
+        seen.measured = 1;
+        for (unsigned channel = 0; channel < kChannels; ++channel) {
+            const Diagnosis result =
+                diagnose(session.speaker(channel), cal_r_in_use(session, channel));
+            publish(session, channel, Word::f0_status, static_cast<int32_t>(result.f0_status));
+            publish(session, channel, Word::f0, static_cast<int32_t>(result.f0_hz));
+            publish(session, channel, Word::z_low_diff, result.z_low_diff);
+        }
+        published = true;
+    }
+    return published;
 }
 
 bool stream_to_amps_running(Session &session, Area &a)
@@ -169,100 +292,9 @@ bool stream_to_amps_running(Session &session, Area &a)
     return false;
 }
 
-// Brings a running calibration up to `now`: measured once enough silence was heard in
-// calibration mode with the path ready, "no signal" until then.
-void settle(Session &session, Area &a, unsigned channel, int64_t now)
+void publish_activity(Session &session, Area &a, unsigned channel, bool amp_on)
 {
-    ChannelState &state = a.channels[channel];
-    if (state.mode_since_ns == 0 || state.measured)
-        return;
-    const int64_t heard =
-        state.path_since_ns == 0
-            ? 0
-            : silence_heard(session, a, std::max(state.mode_since_ns, state.path_since_ns), now);
-    const Calibration result =
-        heard >= kSettleNs
-            ? measure(session.speaker(channel))
-            : no_signal(state.has_result ? state.cal_r : cal_r_in_use(session, channel));
-    state.status = result.status;
-    state.cal_r = result.cal_r;
-    state.checksum = result.checksum;
-    state.has_result = 1;
-    state.measured = heard >= kSettleNs;
-}
-
-Calibration reported_calibration(Session &session, Area &a, unsigned channel)
-{
-    const ChannelState &state = a.channels[channel];
-    if (!state.has_result)
-        return {kStatusNotCalibrated, cal_r_in_use(session, channel), 0};
-    return {state.status, state.cal_r, state.checksum};
-}
-
-// The firmware parameters the model answers, by the part of the control name after "X ".
-enum class Word { cal_r, status, checksum, ambient, f0_status, f0, z_low_diff };
-
-constexpr std::array<std::pair<std::string_view, Word>, 7> kParameters = {{
-    {"CAL_R", Word::cal_r},
-    {"CAL_STATUS", Word::status},
-    {"CAL_CHECKSUM", Word::checksum},
-    {"CAL_AMBIENT", Word::ambient},
-    {"DIAG_F0_STATUS", Word::f0_status},
-    {"DIAG_F0", Word::f0},
-    {"DIAG_Z_LOW_DIFF", Word::z_low_diff},
-}};
-
-std::optional<Word> parameter(std::string_view suffix)
-{
-    if (suffix == "DSP Get CAL_R")
-        return Word::cal_r;
-    if (suffix == "DSP Get CAL_STATUS")
-        return Word::status;
-    if (suffix.starts_with("DSP1 "))
-        suffix.remove_prefix(5);
-    constexpr std::string_view kModule = "Protection 5f210 ";
-    if (!suffix.starts_with(kModule))
-        return std::nullopt;
-    suffix.remove_prefix(kModule.size());
-    for (const auto &[name, word] : kParameters) {
-        if (name == suffix)
-            return word;
-    }
-    return std::nullopt;
-}
-
-Diagnosis current_diagnosis(Session &session, Area &a, unsigned channel, int64_t now)
-{
-    return speaker_exercised(session, a, now)
-               ? diagnose(session.speaker(channel), cal_r_in_use(session, channel))
-               : not_diagnosed();
-}
-
-bool amp_active(Session &session, Area &a, unsigned channel)
-{
-    return stored_number(session, channel, "AMP Enable Switch") != 0 &&
-           stream_to_amps_running(session, a);
-}
-
-int32_t word_value(Session &session, Area &a, unsigned channel, Word word, int64_t now)
-{
-    switch (word) {
-    case Word::ambient:
-        return static_cast<int32_t>(stored_number(session, channel, "DSP Set CAL_AMBIENT"));
-    case Word::cal_r:
-        return reported_calibration(session, a, channel).cal_r;
-    case Word::status:
-        return static_cast<int32_t>(reported_calibration(session, a, channel).status);
-    case Word::checksum:
-        return static_cast<int32_t>(reported_calibration(session, a, channel).checksum);
-    case Word::f0_status:
-        return static_cast<int32_t>(current_diagnosis(session, a, channel, now).f0_status);
-    case Word::f0:
-        return static_cast<int32_t>(current_diagnosis(session, a, channel, now).f0_hz);
-    case Word::z_low_diff:
-        return current_diagnosis(session, a, channel, now).z_low_diff;
-    }
-    return 0;
+    publish(session, channel, Word::active, amp_on && stream_to_amps_running(session, a));
 }
 
 // The channel (below kChannels) of a card-0 control and the part of its name after "X ".
@@ -279,6 +311,17 @@ std::optional<std::pair<unsigned, std::string_view>> channel_control(const Contr
     return std::pair{channel, name.substr(letter.size() + 1)};
 }
 
+// A calibration starts: until it hears enough, a result the model published before reads as
+// "no signal" (values it never published, e.g. preset by hand, stay as they are).
+void start_calibration(Session &session, Area &a, unsigned channel, int64_t now)
+{
+    ChannelState &state = a.channels[channel];
+    state.mode_since_ns = now;
+    state.measured = 0;
+    if (state.owned)
+        publish_calibration(session, a, channel, no_signal(state.cal_r));
+}
+
 class DspModel : public Model
 {
   public:
@@ -290,32 +333,39 @@ class DspModel : public Model
         if (!target || value.numbers.empty())
             return 0;
         const auto [channel, suffix] = *target;
+        const int64_t written = value.numbers[0];
+        Area &a = area(session);
+        const int64_t now = now_ns();
+        if (suffix == "DSP Set CAL_AMBIENT") {
+            publish(session, channel, Word::ambient, static_cast<int32_t>(written));
+            return 0;
+        }
         const bool mode = suffix == "DSP Mode";
         const bool enable = suffix == "AMP Enable Switch";
         const bool source = suffix == "PCM Source";
         if (!mode && !enable && !source)
             return 0;
 
-        Area &a = area(session);
-        const int64_t now = now_ns();
         settle(session, a, channel, now); // what the calibration heard up to this change
         ChannelState &state = a.channels[channel];
         if (mode) {
             // Every write of calibration mode starts a new calibration, as the firmware does.
-            const bool calibrating = value.numbers[0] == kCalibrationMode;
-            state.mode_since_ns = calibrating ? now : 0;
-            if (calibrating)
-                state.measured = 0;
+            if (written == kCalibrationMode)
+                start_calibration(session, a, channel, now);
+            else
+                state.mode_since_ns = 0;
             return 0;
         }
         const bool amp_on =
-            enable ? value.numbers[0] != 0 : stored_number(session, channel, "AMP Enable Switch");
-        const bool on_dsp = source_is_dsp(source ? value.numbers[0]
-                                                 : stored_number(session, channel, "PCM Source"));
+            enable ? written != 0 : stored_number(session, channel, "AMP Enable Switch") != 0;
+        const bool on_dsp =
+            source_is_dsp(source ? written : stored_number(session, channel, "PCM Source"));
         if (!amp_on || !on_dsp)
             state.path_since_ns = 0;
         else if (state.path_since_ns == 0)
             state.path_since_ns = now;
+        if (enable)
+            publish_activity(session, a, channel, amp_on);
         return 0;
     }
 
@@ -323,32 +373,40 @@ class DspModel : public Model
     {
         Model::on_read(session, control, value);
         const auto target = channel_control(control);
-        if (!target)
+        if (!target || !published_word(target->second))
             return;
-        const auto [channel, suffix] = *target;
         Area &a = area(session);
         const int64_t now = now_ns();
-        if (suffix == "AMP Active Status" && !value.numbers.empty()) {
-            value.numbers[0] = amp_active(session, a, channel);
+        const bool calibrated = settle(session, a, target->first, now);
+        if (!observe_streams(session, a, now) && !calibrated)
             return;
-        }
-        const std::optional<Word> word = parameter(suffix);
-        if (!word || value.bytes.size() < 4)
+        // Something was published just now: this read shows it.
+        ControlSlot *slot = slot_of(session, target->first, target->second);
+        if (slot == nullptr)
             return;
-        settle(session, a, channel, now);
-        store_be32(value.bytes, 0, to_word(word_value(session, a, channel, *word, now)));
+        std::ranges::copy(session.bytes(*slot), value.bytes.begin());
+        std::ranges::copy(session.numbers(*slot), value.numbers.begin());
     }
 
     void on_stream(Session &session, PcmRecord &record, StreamEvent event) override
     {
         Model::on_stream(session, record, event);
-        if (event != StreamEvent::start)
+        if (event == StreamEvent::write)
             return;
         Area &a = area(session);
-        const auto index = static_cast<size_t>(&record - session.streams().data());
-        a.streams[index] = StreamReach{
-            record.starts,
-            record.card == agm::kAgmCard && connected_to_amps(session, record.device), 0};
+        if (event == StreamEvent::start) {
+            const auto index = static_cast<size_t>(&record - session.streams().data());
+            a.streams[index] = StreamSeen{record.starts,
+                                          record.start_time_ns,
+                                          record.card == agm::kAgmCard &&
+                                              connected_to_amps(session, record.device),
+                                          0,
+                                          {}};
+        }
+        observe_streams(session, a, now_ns());
+        for (unsigned channel = 0; channel < kChannels; ++channel)
+            publish_activity(session, a, channel,
+                             stored_number(session, channel, "AMP Enable Switch") != 0);
     }
 };
 
@@ -375,14 +433,22 @@ ChannelReport report(Session &session, unsigned channel)
     Area &a = area(session);
     const int64_t now = now_ns();
     settle(session, a, channel, now);
+    observe_streams(session, a, now);
+    const ChannelState &state = a.channels[channel];
+    const auto word = [&](std::string_view suffix) {
+        return stored_word(session, channel, suffix);
+    };
     return ChannelReport{
         session.speaker(channel),
         cal_r_in_use(session, channel),
-        stored_number(session, channel, "DSP Mode") == kCalibrationMode,
-        a.channels[channel].has_result != 0,
-        reported_calibration(session, a, channel),
-        current_diagnosis(session, a, channel, now),
-        amp_active(session, a, channel),
+        state.mode_since_ns != 0,
+        state.owned != 0,
+        Calibration{static_cast<uint32_t>(word("DSP Get CAL_STATUS")), word("DSP Get CAL_R"),
+                    static_cast<uint32_t>(word("DSP1 Protection 5f210 CAL_CHECKSUM"))},
+        Diagnosis{static_cast<uint32_t>(word("Protection 5f210 DIAG_F0_STATUS")),
+                  static_cast<uint32_t>(word("Protection 5f210 DIAG_F0")),
+                  word("Protection 5f210 DIAG_Z_LOW_DIFF")},
+        stored_number(session, channel, "AMP Active Status") != 0,
     };
 }
 
