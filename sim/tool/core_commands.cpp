@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,14 @@ int run(std::span<char *const> args)
     std::string dir = simulator_dir(dir_arg);
     if (int status = prepare(dir); status != 0)
         return status;
+    // A folder that was never initialised gets its phone folder too; an existing one is kept.
+    if (std::error_code ec; !std::filesystem::exists(dir + "/phone", ec)) {
+        if (int err = install_phone(dir); err < 0) {
+            std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
+                         std::strerror(-err));
+            return exit_failure;
+        }
+    }
     if (int err = apply_environment(dir, TVOXSIM_CONF_PATH);
         err < 0 || setenv("LD_PRELOAD", preload_list().c_str(), 1) != 0) {
         std::fprintf(stderr, "tvoxsim: cannot set the environment: %s\n",

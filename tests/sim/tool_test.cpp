@@ -21,10 +21,14 @@ TEST_F(ToolTest, EnvPrintsExportsForAnAbsoluteFolder)
     std::filesystem::current_path(sim_dir());
     CommandResult env = tool("env sub");
     EXPECT_EQ(env.status, 0);
-    EXPECT_EQ(env.output, "export TVOXSIM_DIR='" + sim_dir() + "/sub'\n" +
+    const std::string cards = "export TVOXSIM_DIR='" + sim_dir() + "/sub'\n" +
                               "export ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + conf_path() +
                               "'\nexport TINYALSA_CARD_0='tvoxsim:0'\n"
-                              "export TINYALSA_CARD_100='tvoxsim:100'\n");
+                              "export TINYALSA_CARD_100='tvoxsim:100'\n";
+    EXPECT_EQ(env.output.substr(0, cards.size()), cards);
+    // Last, the preload that maps the phone paths, ahead of whatever was preloaded already.
+    EXPECT_EQ(env.output.substr(cards.size()).rfind("export LD_PRELOAD='/", 0), 0u) << env.output;
+    EXPECT_NE(env.output.find("libtvoxsim_preload.so"), std::string::npos);
     // Without a folder argument the tool uses $TVOXSIM_DIR, as the fixture set it.
     EXPECT_NE(tool("env").output.find("TVOXSIM_DIR='" + sim_dir() + "'"), std::string::npos);
 }
@@ -37,6 +41,9 @@ TEST_F(ToolTest, RunStartsACommandInsideTheSimulator)
                              "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
     EXPECT_EQ(run.status, 7) << run.output;
     EXPECT_EQ(run.output, other + "\n");
+    // The command sees the phone's persist folder, which lives in the simulator folder.
+    EXPECT_EQ(
+        tool("run --dir \"" + other + "\" -- sh -c 'test -d /mnt/vendor/persist/audio'").status, 0);
     EXPECT_TRUE(std::filesystem::exists(other + "/journal"));
     EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{1})) << "the fixture's folder";
     EXPECT_EQ(tool("run -- /nonexistent/command").status, 127);
