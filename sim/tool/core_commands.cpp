@@ -51,6 +51,16 @@ int prepare(const std::string &dir)
     return 0;
 }
 
+int phone_folder(const std::string &dir)
+{
+    if (int err = install_phone(dir); err < 0) {
+        std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
+                     std::strerror(-err));
+        return exit_failure;
+    }
+    return 0;
+}
+
 int init(std::span<char *const> args)
 {
     if (args.size() > 1)
@@ -71,11 +81,8 @@ int init(std::span<char *const> args)
     }
     if (int status = prepare(dir); status != 0)
         return status;
-    if (int err = install_phone(dir); err < 0) {
-        std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
-                     std::strerror(-err));
-        return exit_failure;
-    }
+    if (int status = phone_folder(dir); status != 0)
+        return status;
     std::printf("simulator ready in %s\n", dir.c_str());
     return 0;
 }
@@ -122,11 +129,8 @@ int run(std::span<char *const> args)
         return status;
     // A folder that was never initialised gets its phone folder too; an existing one is kept.
     if (std::error_code ec; !std::filesystem::exists(dir + "/phone", ec)) {
-        if (int err = install_phone(dir); err < 0) {
-            std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
-                         std::strerror(-err));
-            return exit_failure;
-        }
+        if (int status = phone_folder(dir); status != 0)
+            return status;
     }
     if (int err = apply_environment(dir, TVOXSIM_CONF_PATH);
         err < 0 || setenv("LD_PRELOAD", preload_list().c_str(), 1) != 0) {
