@@ -86,14 +86,9 @@ TEST_F(CalibrationTest, SilenceInCalibrationModeMeasuresEachSpeakerAndTheResultS
     expect_result(read_back(*this, "B"), 2, expected_raw(7.5), "restarted");
 }
 
-TEST_F(CalibrationTest, WithoutSilenceReachingAReadyAmplifierTheCalibrationReportsNoSignal)
+TEST_F(CalibrationTest, StreamsThatAreLoudDeadOrElsewhereAreNoSilence)
 {
-    // T: path ready but its only stream is loud. B: amplifier off.
     record_stream(now_ns(), 0, 0.5);
-    path_to_dsp("T");
-    set_enum("B PCM Source", "DSP");
-    calibration_mode("T");
-    calibration_mode("B");
     // A stream still marked running by a process that has ended does not play.
     const pid_t child = fork();
     if (child == 0)
@@ -103,28 +98,36 @@ TEST_F(CalibrationTest, WithoutSilenceReachingAReadyAmplifierTheCalibrationRepor
     record_stream(now_ns(), 0, 0.0, 0, 1, static_cast<uint32_t>(child));
     // A silent stream on an AGM front end connected to no back end never reaches them.
     record_stream(now_ns(), 0, 0.0, 100, 100);
+    path_to_dsp("T");
+    path_to_dsp("B");
+    calibration_mode("T");
+    calibration_mode("B");
     wait_settled();
 
-    expect_uncalibrated(read_back(*this, "T"), "loud or dead streams only");
-    expect_uncalibrated(read_back(*this, "B"), "amplifier off");
-    // The loud stream does play to T's amplifier.
+    expect_uncalibrated(read_back(*this, "T"), "T");
+    expect_uncalibrated(read_back(*this, "B"), "B");
+    // The loud stream does play to the amplifiers.
     EXPECT_EQ(get("T AMP Active Status"), 1);
-    EXPECT_EQ(get("B AMP Active Status"), 0);
     EXPECT_EQ(word("T Protection 5f210 DIAG_F0_STATUS"), 0);
 }
 
-TEST_F(CalibrationTest, ThePathMustBeReadyForTheWholeMeasurement)
+TEST_F(CalibrationTest, TheAmplifierMustBeOnAndFedByTheDspForTheWholeMeasurement)
 {
-    path_to_dsp("T");
-    path_to_dsp("B");
     record_stream(now_ns(), 0, 0.0);
+    set_enum("T PCM Source", "DSP"); // amplifier left off
+    path_to_dsp("B");
+    EXPECT_EQ(get("T AMP Active Status"), 0);
+    EXPECT_EQ(get("B AMP Active Status"), 1);
     calibration_mode("T");
     calibration_mode("B");
-    // T's source leaves the DSP and comes back: the measurement counts from its return.
+    // B's source leaves the DSP and comes back: the measurement counts from its return.
     std::this_thread::sleep_for(kSettle / 2);
-    set_enum("T PCM Source", "Zero");
-    set_enum("T PCM Source", "DSP");
+    set_enum("B PCM Source", "Zero");
+    set_enum("B PCM Source", "DSP");
     std::this_thread::sleep_for(kSettle / 2 + kMargin);
+    EXPECT_EQ(word("T DSP Get CAL_STATUS"), 0);
+    EXPECT_EQ(word("B DSP Get CAL_STATUS"), 0);
+    std::this_thread::sleep_for(kSettle / 2);
     EXPECT_EQ(word("T DSP Get CAL_STATUS"), 0);
     EXPECT_EQ(word("B DSP Get CAL_STATUS"), 1);
 }
