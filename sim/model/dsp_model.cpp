@@ -10,7 +10,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace tvox::sim::dsp
 {
@@ -334,8 +337,6 @@ class DspModel : public Model
             return 0;
         const auto [channel, suffix] = *target;
         const int64_t written = value.numbers[0];
-        Area &a = area(session);
-        const int64_t now = now_ns();
         if (suffix == "DSP Set CAL_AMBIENT") {
             publish(session, channel, Word::ambient, static_cast<int32_t>(written));
             return 0;
@@ -346,6 +347,8 @@ class DspModel : public Model
         if (!mode && !enable && !source)
             return 0;
 
+        Area &a = area(session);
+        const int64_t now = now_ns();
         settle(session, a, channel, now); // what the calibration heard up to this change
         ChannelState &state = a.channels[channel];
         if (mode) {

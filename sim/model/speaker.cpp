@@ -83,11 +83,6 @@ Diagnosis diagnose(const SpeakerConfig &speaker, int32_t cal_r_in_use)
     return {speaker.fault == SpeakerFault::f0_failure ? kF0Failed : kF0Passed, f0, diff};
 }
 
-Diagnosis not_diagnosed()
-{
-    return {kF0NotMeasured, 0, 0};
-}
-
 std::string_view fault_name(SpeakerFault fault)
 {
     const auto index = static_cast<size_t>(fault);

@@ -25,12 +25,10 @@
 namespace tvox::sim::dsp
 {
 
-inline constexpr uint32_t kStatusNotCalibrated = 0;
 inline constexpr uint32_t kStatusGood = 1;
 inline constexpr uint32_t kStatusNoSignal = 2;
 inline constexpr uint32_t kStatusFailed = 4;
 
-inline constexpr uint32_t kF0NotMeasured = 0;
 inline constexpr uint32_t kF0Failed = 1;
 inline constexpr uint32_t kF0Passed = 2;
 
@@ -68,7 +66,6 @@ struct Diagnosis {
 
 // The F0 diagnostic of `speaker`, against the CAL_R the DSP uses.
 Diagnosis diagnose(const SpeakerConfig &speaker, int32_t cal_r_in_use);
-Diagnosis not_diagnosed();
 
 // Fault names as the tool takes and prints them: none, open, shorted, calibration, f0.
 std::string_view fault_name(SpeakerFault fault);

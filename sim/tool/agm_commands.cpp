@@ -30,15 +30,6 @@ const char *format_name(int32_t format)
     }
 }
 
-std::unique_ptr<State> open_state()
-{
-    int err = 0;
-    std::unique_ptr<State> state = State::open(simulator_dir(""), err);
-    if (!state)
-        std::fprintf(stderr, "tvoxsim: cannot open the simulator: %s\n", std::strerror(-err));
-    return state;
-}
-
 int streams(std::span<char *const> args)
 {
     if (!args.empty())

@@ -10,10 +10,16 @@
 // its usage with usage_error()).
 #pragma once
 
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace tvox::sim
+{
+class State;
+}
 
 namespace tvox::sim::tool
 {
@@ -40,5 +46,8 @@ int usage_error(std::string_view command, std::string_view message);
 
 // The simulator folder: `dir` made absolute, or $TVOXSIM_DIR (or its default) when empty.
 std::string simulator_dir(std::string_view dir);
+
+// The state of $TVOXSIM_DIR; null after printing why it does not open.
+std::unique_ptr<State> open_state();
 
 } // namespace tvox::sim::tool

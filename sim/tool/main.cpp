@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -65,6 +66,15 @@ std::string simulator_dir(std::string_view dir)
     std::error_code ec;
     std::filesystem::path absolute = std::filesystem::absolute(chosen, ec);
     return ec ? chosen : absolute.lexically_normal().string();
+}
+
+std::unique_ptr<State> open_state()
+{
+    int err = 0;
+    std::unique_ptr<State> state = State::open(simulator_dir(""), err);
+    if (!state)
+        std::fprintf(stderr, "tvoxsim: cannot open the simulator: %s\n", std::strerror(-err));
+    return state;
 }
 
 } // namespace tvox::sim::tool

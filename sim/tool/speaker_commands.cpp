@@ -30,15 +30,6 @@ std::optional<double> positive_number(const char *text)
     return value;
 }
 
-std::unique_ptr<State> open_state()
-{
-    int err = 0;
-    std::unique_ptr<State> state = State::open(simulator_dir(""), err);
-    if (!state)
-        std::fprintf(stderr, "tvoxsim: cannot open the simulator: %s\n", std::strerror(-err));
-    return state;
-}
-
 void print_speaker(unsigned channel, const SpeakerConfig &speaker)
 {
     std::printf("%s: speaker %.2f ohm (CAL_R %d), F0 %.0f Hz, fault %s\n",
