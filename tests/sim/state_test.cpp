@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <regex>
 
 namespace
 {
@@ -135,9 +134,17 @@ TEST_F(StateTest, ConcurrentProcessesNeitherLoseUpdatesNorTearJournalLines)
               (std::vector<long>{817 + 2 * kRounds, 817 + 2 * kRounds}));
     std::vector<std::string> lines = journal_lines();
     EXPECT_EQ(lines.size(), 2u * kWrites);
-    const std::regex line("ctl 0 \"[TB] DSP Set CAL_AMBIENT\" = [0-9]{1,2}");
+    // Whole lines only: "ctl 0 "<T or B> DSP Set CAL_AMBIENT" = <one or two digits>".
+    const auto whole_line = [](const std::string &text) {
+        const std::string_view tail = " DSP Set CAL_AMBIENT\" = ";
+        if (text.rfind("ctl 0 \"", 0) != 0 || text.size() < 7 + 1 + tail.size() + 1 ||
+            (text[7] != 'T' && text[7] != 'B') || text.compare(8, tail.size(), tail) != 0)
+            return false;
+        const std::string digits = text.substr(8 + tail.size());
+        return digits.size() <= 2 && digits.find_first_not_of("0123456789") == std::string::npos;
+    };
     for (const std::string &text : lines)
-        ASSERT_TRUE(std::regex_match(text, line)) << text;
+        ASSERT_TRUE(whole_line(text)) << text;
     EXPECT_EQ(int_values(0, "T DSP Set CAL_AMBIENT"), (std::vector<long>{(kWrites - 1) % 100}));
 }
 
