@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "util/text.h"
+
 struct mixer;
 struct mixer_ctl;
 
@@ -12,12 +14,6 @@ namespace tvox
 
 // A control named by number when the whole text is a number (C notation), else by name.
 struct mixer_ctl *find_control(struct mixer *mixer, const char *control);
-
-// The control text as printed in messages.
-inline const char *printable(const char *text)
-{
-    return text == nullptr ? "(null)" : text;
-}
 
 // tervox_tmixer_get with at most out_size bytes stored in out. Returns the control's value count.
 int32_t read_control(struct mixer *mixer, const char *control, void *out, std::size_t out_size);

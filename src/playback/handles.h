@@ -6,13 +6,11 @@
 #include <memory>
 #include <tinyalsa/asoundlib.h>
 
+#include "util/file_handle.h"
+#include "util/text.h"
+
 namespace tvox
 {
-
-struct FileCloser {
-    void operator()(std::FILE *file) const { std::fclose(file); }
-};
-using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
 struct PcmCloser {
     void operator()(struct pcm *pcm) const { pcm_close(pcm); }
@@ -35,12 +33,6 @@ template <typename T> MallocPtr<T> allocate_zeroed()
 inline FileHandle open_for_reading(const char *path)
 {
     return FileHandle(path ? std::fopen(path, "rb") : nullptr);
-}
-
-// The path as printed in messages (printf's own text for a null pointer).
-inline const char *printable(const char *text)
-{
-    return text ? text : "(null)";
 }
 
 // Period layout shared by both players.

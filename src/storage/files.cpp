@@ -4,26 +4,15 @@
 #include "mixer/control.h"
 #include "tvoxsp.h"
 #include "util/fatal.h"
+#include "util/file_handle.h"
 #include "util/log.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
-
-namespace
-{
-
-struct FileCloser {
-    void operator()(std::FILE *file) const { std::fclose(file); }
-};
-// Closed on every path out of a back-end.
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-} // namespace
 
 extern "C" int32_t tervox_default_fwrite(uint32_t *values, size_t count, const char *path)
 {
-    const File file(std::fopen(path, "wb+"));
+    const tvox::FileHandle file(std::fopen(path, "wb+"));
     if (!file) {
         tvox::log_tervox(tvox::Priority::error, "can't open %s \n", path);
         return -1;
@@ -38,7 +27,7 @@ extern "C" int32_t tervox_default_fwrite(uint32_t *values, size_t count, const c
 extern "C" int32_t tervox_default_fread(uint32_t *values, size_t count, const char *path)
 {
     errno = 0;
-    const File file(std::fopen(path, "rb"));
+    const tvox::FileHandle file(std::fopen(path, "rb"));
     if (!file) {
         tvox::log_tervox(tvox::Priority::error, "%s: can't open %s, errno=%d \n",
                          "tervox_default_fread", path, errno);
@@ -54,7 +43,7 @@ extern "C" int32_t tervox_default_fread(uint32_t *values, size_t count, const ch
 
 extern "C" int32_t tervox_ascii_fwrite(uint32_t *values, size_t count, const char *path)
 {
-    const File file(std::fopen(path, "w"));
+    const tvox::FileHandle file(std::fopen(path, "w"));
     if (!file) {
         tvox::log_tervox(tvox::Priority::error, "can't open %s \n", path);
         return -1;
