@@ -1,4 +1,4 @@
-/* Lifecycle, calibration run, readout, apply and check, result formatting. */
+/* Calibration run, readout, apply and check, result formatting. */
 #ifndef TVOXSP_CALIBRATION_H
 #define TVOXSP_CALIBRATION_H
 

@@ -35,10 +35,11 @@ extern "C" int32_t tervox_cal_str_format_out(char *out, size_t size)
     int32_t total = 0;
     if (ok) {
         const int32_t channels = self->num_channels;
-        // Only two channels are foreseen: a third ends the process.
-        double ohms[2] = {0, 0};
+        // Only two channels are foreseen: a third ends the process. The measured value is the
+        // single-precision figure the HAL reads from get_result, so both print the same digits.
+        float ohms[2] = {0, 0};
         for (int32_t ch = 0; ch < channels; ++ch)
-            tvox::checked_at(ohms, ch) = tvox::cal_r_ohms(self->cal[ch].cal_r);
+            tvox::checked_at(ohms, ch) = tvox::measured_ohms(self->cal[ch].cal_r);
         // A missing file leaves the stored values at 0; the report is written all the same.
         uint32_t stored[2] = {0, 0};
         self->fread_backend(stored, static_cast<size_t>(channels), self->cal_bin_path);
@@ -46,8 +47,8 @@ extern "C" int32_t tervox_cal_str_format_out(char *out, size_t size)
             char line[128] = {};
             const uint32_t raw = tvox::checked_at(stored, ch);
             std::snprintf(line, sizeof line, "CH[%d] %s = %.2f, %5d(%.2f) <-- '%s'\n", ch,
-                          self->channel_name[ch], ohms[ch], static_cast<int>(raw),
-                          tvox::cal_r_ohms(raw), self->cal_bin_path);
+                          self->channel_name[ch], static_cast<double>(ohms[ch]),
+                          static_cast<int>(raw), tvox::cal_r_ohms(raw), self->cal_bin_path);
             const auto length = static_cast<int32_t>(std::strlen(line));
             if (__builtin_add_overflow(total, length, &total))
                 tvox::fatal();

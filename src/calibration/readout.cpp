@@ -37,7 +37,7 @@ int32_t mixer_read_cal_values(tervox_cal_record (&records)[TERVOX_MAX_CHANNELS],
 extern "C" int32_t tervox_cal_get_result(float *out, size_t count)
 {
     for (size_t i = 0; i < count; ++i)
-        out[i] = static_cast<float>(tvox::cal_r_ohms(tvox::checked_at(self->cal, i).cal_r));
+        out[i] = tvox::measured_ohms(tvox::checked_at(self->cal, i).cal_r);
     return 0;
 }
 

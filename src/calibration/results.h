@@ -17,6 +17,12 @@ constexpr double cal_r_ohms(double raw)
     return raw * 5.85714 * 0.0001220703125;
 }
 
+// A measured CAL_R as the HAL receives it: rounded to single precision.
+constexpr float measured_ohms(int32_t raw)
+{
+    return static_cast<float>(cal_r_ohms(raw));
+}
+
 // Starts at 1; each failing channel ch shifts it left by ch + 1, so the shifts accumulate and
 // a caller can tell channel 0 (2), channel 1 (4) and both (8) apart.
 class FailurePattern
