@@ -1,4 +1,5 @@
-// A context as a HAL holds it: zero-filled, initialised, its files in a folder of the test's own.
+// A context as a HAL holds it: zero-filled and initialised, its files in a folder of the test's
+// own; with the virtual amplifier pair behind it for the tests that measure.
 #pragma once
 
 #include "calibration/results.h"
@@ -13,10 +14,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,20 +53,23 @@ inline std::vector<std::string> tervox_lines(const LogCapture &log, int priority
     return texts;
 }
 
-// Base is ::testing::Test, or SimTest for tests that reach the virtual amplifier pair.
+// Base is ::testing::Test, or SimTest for tests that reach the virtual amplifier pair. With
+// temp_files_ cleared before SetUp the context keeps its default paths.
 template <typename Base> class ContextFixture : public Base
 {
   protected:
     void SetUp() override
     {
         Base::SetUp();
+        ASSERT_EQ(tervox_cal_init(&ctx_), 0);
+        if (!temp_files_)
+            return;
         char pattern[] = "/tmp/tvoxsp-cal-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         folder_ = pattern;
         bin_ = (folder_ / "tvox_calr.bin").string();
         txt_ = (folder_ / "tvox_calr.txt").string();
         f0_ = (folder_ / "tvox_f0.bin").string();
-        ASSERT_EQ(tervox_cal_init(&ctx_), 0);
         ctx_.cal_bin_path = bin_.c_str();
         ctx_.cal_txt_path = txt_.c_str();
         ctx_.f0_path = f0_.c_str();
@@ -73,7 +78,8 @@ template <typename Base> class ContextFixture : public Base
     void TearDown() override
     {
         EXPECT_EQ(tervox_cal_deinit(&ctx_), 0);
-        std::filesystem::remove_all(folder_);
+        if (!folder_.empty())
+            std::filesystem::remove_all(folder_);
         Base::TearDown();
     }
 
@@ -81,6 +87,7 @@ template <typename Base> class ContextFixture : public Base
     static void hide_mixer() { setenv("TINYALSA_CARD_0", "tvoxsp_test_no_such_card", 1); }
 
     struct tervox ctx_ = {};
+    bool temp_files_ = true;
     std::filesystem::path folder_;
     std::string bin_, txt_, f0_;
 };
@@ -101,18 +108,31 @@ class SimContextTest : public ContextFixture<SimTest>
         ContextFixture<SimTest>::TearDown();
     }
 
-    // A DSP parameter as the firmware holds it: four bytes, most significant first.
-    void preset_word(std::string_view name, uint32_t value)
+    long value(std::string_view name) { return int_values(0, name).at(0); }
+
+    // Card 0's journal lines, and the ones that applying `paths` in this order would make.
+    std::vector<std::string> card0_journal()
     {
-        preset_bytes(0, name,
-                     {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
-                      static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
+        std::vector<std::string> lines;
+        for (auto &line : journal_lines())
+            if (line.starts_with("ctl 0 "))
+                lines.push_back(line);
+        return lines;
+    }
+    static std::vector<std::string>
+    journal_of(std::initializer_list<std::span<const tvox::PathEntry>> paths)
+    {
+        std::vector<std::string> lines;
+        for (const auto path : paths)
+            for (const auto &[name, text] : path)
+                lines.push_back("ctl 0 \"" + std::string(name) + "\" = " + text);
+        return lines;
     }
 
     // The speaker behind a channel, by the raw CAL_R code the amplifier measures for it.
-    void set_speaker(unsigned channel, int32_t raw,
-                     tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
-                     double f0_hz = 800)
+    void set_speaker_raw(unsigned channel, int32_t raw,
+                         tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
+                         double f0_hz = 800)
     {
         tvox::sim::Session session = state().lock();
         session.speaker(channel) = {tvox::cal_r_ohms(raw), f0_hz, fault, 0};
@@ -131,22 +151,6 @@ class SimContextTest : public ContextFixture<SimTest>
         record->starts++;
     }
 
-  public:
-    // Playback slots that stand for the silent file. Settled: the amplifiers have been hearing
-    // silence long enough for the firmware to settle. Starting: the silence starts now. Either
-    // way the stream stays running.
-    static int32_t settled_silence(struct tervox *)
-    {
-        active_->record_silence(std::chrono::seconds(2));
-        return 0;
-    }
-    static int32_t starting_silence(struct tervox *)
-    {
-        active_->record_silence(std::chrono::seconds(0));
-        return 0;
-    }
-
-  protected:
     // A calibration run by the firmware alone, so that tests of reading it back start from a
     // measured result: calibration mode while silence plays, then everything off again.
     void calibrate_amplifiers()
@@ -160,6 +164,21 @@ class SimContextTest : public ContextFixture<SimTest>
         tvox::apply_path(tvox::amp_off_path);
         record_silence(std::chrono::nanoseconds(0), false);
         clear_journal();
+    }
+
+  public:
+    // Playback slots that stand for the silent file, the stream left running. Settled: the
+    // amplifiers have heard silence long enough for the firmware to settle. Starting: it starts
+    // now.
+    static int32_t settled_silence(struct tervox *)
+    {
+        active_->record_silence(std::chrono::seconds(2));
+        return 0;
+    }
+    static int32_t starting_silence(struct tervox *)
+    {
+        active_->record_silence(std::chrono::seconds(0));
+        return 0;
     }
 
   private:

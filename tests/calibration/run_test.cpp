@@ -1,22 +1,19 @@
+// The synchronous sequence, the run state machine around a quick diagnostic, apply, and the tool.
 #include "calibration/context_fixture.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
-#include <future>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace
 {
 
+using tvox::sim::SpeakerFault;
 using tvox::test::LogCapture;
 using tvox::test::read_file;
-using tvox::test::SimContextTest;
 using tvox::test::tervox_lines;
 using tvox::test::words_bytes;
 
@@ -28,17 +25,7 @@ int32_t counting_playback(struct tervox *)
     return 0;
 }
 
-// Lines the DSP reader logged (debug priority), in order.
-std::vector<std::string> dsp_reads(const LogCapture &log)
-{
-    std::vector<std::string> reads;
-    for (const auto &text : tervox_lines(log, ANDROID_LOG_DEBUG))
-        if (text.starts_with("tervox_dsp_tmixer_get: "))
-            reads.push_back(text.substr(23));
-    return reads;
-}
-
-class RunTest : public SimContextTest
+class RunTest : public tvox::test::SimContextTest
 {
   protected:
     void SetUp() override
@@ -46,11 +33,13 @@ class RunTest : public SimContextTest
         SimContextTest::SetUp();
         g_playbacks = 0;
         ctx_.playback = counting_playback;
-        set_speaker(0, 9000);
-        set_speaker(1, 7000);
+        set_speaker_raw(0, 9000);
+        set_speaker_raw(1, 7000);
     }
-
-    long value(const std::string &name) { return int_values(0, name).at(0); }
+    static tvox::test::CommandResult run_tool(const std::string &arguments)
+    {
+        return run_command(std::string(TVOXSP_TOOL_PATH) + " " + arguments);
+    }
 };
 
 // The synchronous sequence relies on the firmware having calibrated already.
@@ -61,55 +50,48 @@ TEST_F(RunTest, SynchronousCalibrationReadsChecksStoresAndApplies)
     LogCapture log;
     EXPECT_EQ(tervox_cal_calibration(), 0);
     EXPECT_EQ(g_playbacks, 1);
-
     EXPECT_EQ(ctx_.cal[0].status, 1u);
-    EXPECT_EQ(ctx_.cal[0].cal_r, 9000);
     EXPECT_EQ(ctx_.cal[0].checksum, 9001u);
-    EXPECT_EQ(ctx_.cal[1].status, 1u);
     EXPECT_EQ(ctx_.cal[1].cal_r, 7000);
-    EXPECT_EQ(ctx_.cal[1].checksum, 7001u);
     // Status, CAL_R and checksum per channel, then the last channel's ambient for the log.
-    const std::vector<std::string> reads = {"ctl(T DSP Get CAL_STATUS) =      1\n",
-                                            "ctl(T DSP Get CAL_R) =   2328\n",
-                                            "ctl(T DSP1 Protection 5f210 CAL_CHECKSUM) =   2329\n",
-                                            "ctl(B DSP Get CAL_STATUS) =      1\n",
-                                            "ctl(B DSP Get CAL_R) =   1b58\n",
-                                            "ctl(B DSP1 Protection 5f210 CAL_CHECKSUM) =   1b59\n",
-                                            "ctl(B DSP1 Protection 5f210 CAL_AMBIENT) =     1e\n"};
-    EXPECT_EQ(dsp_reads(log), reads);
+    std::vector<std::string> reads;
+    for (const auto &text : tervox_lines(log, ANDROID_LOG_DEBUG))
+        if (text.starts_with("tervox_dsp_tmixer_get: "))
+            reads.push_back(text.substr(23));
+    EXPECT_EQ(reads, (std::vector<std::string>{
+                         "ctl(T DSP Get CAL_STATUS) =      1\n", "ctl(T DSP Get CAL_R) =   2328\n",
+                         "ctl(T DSP1 Protection 5f210 CAL_CHECKSUM) =   2329\n",
+                         "ctl(B DSP Get CAL_STATUS) =      1\n", "ctl(B DSP Get CAL_R) =   1b58\n",
+                         "ctl(B DSP1 Protection 5f210 CAL_CHECKSUM) =   1b59\n",
+                         "ctl(B DSP1 Protection 5f210 CAL_AMBIENT) =     1e\n"}));
     EXPECT_TRUE(
         log.contains("tervox_cal_calibration: Channel[1] : status[1], chksum[7001], calr[7000]\n"));
-
     EXPECT_EQ(read_file(bin_), words_bytes({9000, 7000}));
     EXPECT_EQ(read_file(txt_), "CH[0] T : 9000 (6.43)\nCH[1] B : 7000 (5.00)\n");
     EXPECT_EQ(value("T DSP Set CAL_R"), 9000);
     EXPECT_EQ(value("B DSP Set CAL_R"), 7000);
-    EXPECT_TRUE(log.contains("tervox_cal_apply: Channel[1] CAL_R = 7000\n"));
-    // The amplifiers were switched off before the measurement was read.
-    EXPECT_EQ(value("T AMP Enable Switch"), 0);
+    EXPECT_EQ(value("T AMP Enable Switch"), 0); // switched off before the measurement was read
     EXPECT_EQ(enum_item(0, "B PCM Source"), "Zero");
 }
 
 TEST_F(RunTest, SynchronousCalibrationStoresNothingWhenItFails)
 {
-    set_speaker(1, 7000, tvox::sim::SpeakerFault::calibration_failure);
+    set_speaker_raw(1, 7000, SpeakerFault::calibration_failure);
     calibrate_amplifiers();
     EXPECT_EQ(tervox_cal_calibration(), 4);
-    EXPECT_EQ(ctx_.cal[1].status, 4u);
     EXPECT_FALSE(std::filesystem::exists(bin_));
     EXPECT_FALSE(std::filesystem::exists(txt_));
     EXPECT_EQ(value("T DSP Set CAL_R"), 8391);
     EXPECT_EQ(ctx_.cal_ok, 1);
 
-    // Without a playback there is nothing to measure.
     LogCapture log;
-    ctx_.playback = nullptr;
+    ctx_.playback = nullptr; // nothing to measure with
     ctx_.cal[0].cal_r = 1;
     EXPECT_EQ(tervox_cal_calibration(), -1);
     EXPECT_TRUE(log.contains("No dummy playbcak api, error!\n", "AHAL:TERVOX"));
     EXPECT_EQ(ctx_.cal[0].cal_r, 1);
 
-    // An amplifier that is playing stops it before anything is switched or played.
+    // A playing amplifier stops it before anything is switched or played.
     ctx_.playback = counting_playback;
     record_silence(std::chrono::seconds(0));
     tvox::apply_path(tvox::amp_on_dsp_path);
@@ -118,9 +100,16 @@ TEST_F(RunTest, SynchronousCalibrationStoresNothingWhenItFails)
     EXPECT_EQ(ctx_.cal_ok, 0);
     EXPECT_EQ(value("T AMP Enable Switch"), 1);
     EXPECT_EQ(g_playbacks, 1);
+    // So does a mixer that does not open.
+    hide_mixer();
+    ctx_.cal_ok = 1;
+    EXPECT_EQ(tervox_cal_calibration(), -1);
+    EXPECT_TRUE(log.contains("tervox_amp_is_active: Failed to open mixer\n"));
+    EXPECT_EQ(ctx_.cal_ok, 0);
+    EXPECT_EQ(g_playbacks, 1);
 }
 
-TEST_F(RunTest, AMissingReadBackControlReadsAsTheReaderPreset)
+TEST_F(RunTest, MissingReadBackControlsReadAsTheReaderPreset)
 {
     const char *names[TERVOX_NUM_CTLS] = {};
     names[CTL_CAL_STATUS] = "B No Such CAL_STATUS";
@@ -130,158 +119,94 @@ TEST_F(RunTest, AMissingReadBackControlReadsAsTheReaderPreset)
     ctx_.get_ctls[1] = names;
     // Nothing calibrated yet: channel 0 reports status 0 and the CAL_R in use.
     EXPECT_EQ(tervox_cal_calibration(), 8);
-    EXPECT_EQ(ctx_.cal[0].status, 0u);
     EXPECT_EQ(static_cast<int32_t>(ctx_.cal[1].status), -5636096);
     EXPECT_EQ(static_cast<int32_t>(ctx_.cal[1].checksum), -5636096);
     EXPECT_EQ(ctx_.cal[1].cal_r, 8391);
-}
-
-TEST_F(RunTest, ReadingWithoutChannelsWalksPastTheLastChannel)
-{
-    ctx_.num_channels = 0;
+    ctx_.num_channels = 0; // the reader walks on past the eighth channel
     EXPECT_DEATH(tervox_cal_calibration(), "");
 }
 
 TEST_F(RunTest, ApplyWritesEveryChannelAndReportsTheLast)
 {
     LogCapture log;
-    uint32_t values[2] = {9000, 7000};
-    EXPECT_EQ(tervox_cal_apply(values, 2), 0);
-    EXPECT_EQ(value("T DSP Set CAL_R"), 9000);
-    EXPECT_EQ(value("B DSP Set CAL_R"), 7000);
-    EXPECT_TRUE(log.contains("tervox_cal_apply: Channel[0] CAL_R = 9000\n"));
-
+    uint32_t values[2] = {static_cast<uint32_t>(-5), 7100};
     // A refused channel is logged and skipped; only the last channel decides the result.
-    values[0] = static_cast<uint32_t>(-5);
-    values[1] = 7100;
     EXPECT_EQ(tervox_cal_apply(values, 2), 0);
+    EXPECT_TRUE(log.contains("tervox_cal_apply: Channel[0] CAL_R = -5\n"));
     EXPECT_TRUE(log.contains("Channel[0] CAL_R = -5, Applying failed!\n"));
-    EXPECT_EQ(value("T DSP Set CAL_R"), 9000);
+    EXPECT_EQ(value("T DSP Set CAL_R"), 8391);
     EXPECT_EQ(value("B DSP Set CAL_R"), 7100);
     values[0] = 8000;
     values[1] = 0x800000;
     EXPECT_EQ(tervox_cal_apply(values, 2), 22);
     EXPECT_EQ(value("T DSP Set CAL_R"), 8000);
     EXPECT_EQ(tervox_cal_apply(values, 0), 0);
-
     hide_mixer();
     EXPECT_EQ(tervox_cal_apply(values, 2), -22);
     EXPECT_TRUE(log.contains("tervox_cal_apply: Failed to open mixer\n"));
 }
 
-TEST_F(RunTest, AMixerThatDoesNotOpenCountsAsActiveAmplifiers)
+TEST_F(RunTest, ExitHooksAndAThreadWithoutPlayback)
 {
-    hide_mixer();
-    LogCapture log;
-    EXPECT_EQ(tervox_cal_calibration(), -1);
-    EXPECT_TRUE(log.contains("tervox_amp_is_active: Failed to open mixer\n"));
-    EXPECT_EQ(g_playbacks, 0);
-}
-
-TEST_F(RunTest, CalibExitSwitchesBothAmplifiersOff)
-{
-    preset_ints(0, "T AMP Enable Switch", {1});
     preset_ints(0, "B AMP Enable Switch", {1});
     preset_enum(0, "T PCM Source", "DSP");
     EXPECT_EQ(tervox_calib_exit(), 0);
-    EXPECT_EQ(value("T AMP Enable Switch"), 0);
     EXPECT_EQ(value("B AMP Enable Switch"), 0);
     EXPECT_EQ(enum_item(0, "T PCM Source"), "Zero");
+
+    LogCapture log;
+    ctx_.playback = nullptr;
+    EXPECT_EQ(tervox_calibration_thread(nullptr), nullptr);
+    EXPECT_EQ(
+        tervox_lines(log, ANDROID_LOG_INFO),
+        (std::vector<std::string>{"calibration thread start", "No dummy playbcak api, error!\n",
+                                  "calibration thread stop"}));
 }
 
-// The diagnostic makes a quick run: the state machine around it is the same as for a calibration.
-class RunStateTest : public RunTest
+// A diagnostic makes a quick run: the state machine around it is the same as for a calibration.
+TEST_F(RunTest, FailedRunWaitsRecordsTheOutcomeAndSwitchesTheAmplifiersOff)
 {
-  protected:
-    void SetUp() override
-    {
-        RunTest::SetUp();
-        ctx_.diag_mode = 1;
-        ctx_.playback = settled_silence;
-    }
-};
-
-TEST_F(RunStateTest, RunRecordsTheOutcomeAndReturnsToIdle)
-{
-    calibrate_amplifiers();
+    ctx_.diag_mode = 1;
+    ctx_.playback = settled_silence;
+    set_speaker_raw(1, 7000, SpeakerFault::f0_failure);
     LogCapture log;
-    EXPECT_EQ(ctx_.run_calibration(), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tervox_cal_run_calibration_test(), 4);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_EQ(ctx_.cal_state, 0u);
-    EXPECT_EQ(ctx_.cal_ok, 1);
-    EXPECT_EQ(read_file(bin_), words_bytes({9000, 7000}));
+    EXPECT_EQ(ctx_.cal_ok, 0);
     const auto info = tervox_lines(log, ANDROID_LOG_INFO);
     ASSERT_GE(info.size(), 3u);
-    EXPECT_EQ(info[0], "tervox_cal_run_calibration: running...\n");
-    EXPECT_EQ(info[1], "tervox_cal_run_calibration: count = 0\n");
     EXPECT_EQ(info[2], "tervox_cal_diagnostic: running...\n");
-    EXPECT_EQ(info.back(), "tervox_cal_run_calibration: Tried 0 times, ret = 0, state = 0\n");
-
-    // A failed run is recorded, and the amplifiers end switched off either way.
-    set_speaker(1, 7000, tvox::sim::SpeakerFault::f0_failure);
-    clear_journal();
-    log.clear();
-    EXPECT_EQ(tervox_cal_run_calibration_test(), 4);
-    EXPECT_EQ(ctx_.cal_state, 0u);
-    EXPECT_EQ(ctx_.cal_ok, 0);
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_INFO).back(),
-              "tervox_cal_run_calibration: Tried -1 times, ret = 4, state = 0\n");
-    const auto journal = journal_lines();
+    EXPECT_EQ(info.back(), "tervox_cal_run_calibration: Tried -1 times, ret = 4, state = 0\n");
+    const auto journal = card0_journal();
     ASSERT_GE(journal.size(), 4u);
     EXPECT_EQ(std::vector<std::string>(journal.end() - 4, journal.end()),
-              (std::vector<std::string>{
-                  "ctl 0 \"T PCM Source\" = Zero", "ctl 0 \"T AMP Enable Switch\" = 0",
-                  "ctl 0 \"B PCM Source\" = Zero", "ctl 0 \"B AMP Enable Switch\" = 0"}));
+              journal_of({tvox::amp_off_path}));
 }
 
-// Holds the playback of the first run until the test lets it go.
-struct Gate {
-    std::mutex lock;
-    std::condition_variable changed;
-    bool entered = false;
-    bool open = false;
-};
-Gate *g_gate = nullptr;
-
-int32_t gated_playback(struct tervox *)
+// The tvoxsp tool, run as a user runs it (its environment reaches the virtual card).
+TEST_F(RunTest, ToolReportsAndRefusesBadCommandLines)
 {
-    std::unique_lock lock(g_gate->lock);
-    g_gate->entered = true;
-    g_gate->changed.notify_all();
-    g_gate->changed.wait(lock, [] { return g_gate->open; });
-    return 0;
-}
-
-TEST_F(RunStateTest, ASecondRunWhileOneIsRunningIsRefused)
-{
-    Gate gate;
-    g_gate = &gate;
-    ctx_.playback = gated_playback;
-    ctx_.cal_ok = 7; // the refused run leaves it alone
-    auto first = std::async(std::launch::async, [] { return tervox_cal_run_calibration(); });
-    {
-        std::unique_lock lock(gate.lock);
-        gate.changed.wait(lock, [&] { return gate.entered; });
+    EXPECT_EQ(run_tool("--help").status, 0);
+    EXPECT_NE(run_tool("--help").output.find("report [--f0]"), std::string::npos);
+    const std::pair<const char *, const char *> usage_errors[] = {
+        {"", "usage: tvoxsp <command>"},
+        {"calibrat", "unknown command 'calibrat'"},
+        {"report --f1", "usage: tvoxsp report [--f0]"},
+        {"diagnose now", "usage: tvoxsp diagnose"}};
+    for (const auto &[arguments, message] : usage_errors) {
+        const auto result = run_tool(arguments);
+        EXPECT_EQ(result.status, 2) << arguments;
+        EXPECT_NE(result.output.find(message), std::string::npos) << result.output;
     }
-    LogCapture log;
-    EXPECT_EQ(std::atomic_ref(ctx_.cal_state).load(), 1u);
-    EXPECT_EQ(tervox_cal_run_calibration(), -1);
-    EXPECT_EQ(std::atomic_ref(ctx_.cal_state).load(), 0u);
-    EXPECT_EQ(std::atomic_ref(ctx_.cal_ok).load(), 7);
-    EXPECT_EQ(
-        tervox_lines(log, ANDROID_LOG_ERROR),
-        std::vector<std::string>{"tervox_cal_run_calibration: calibration is already running!\n"});
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_INFO),
-              std::vector<std::string>{
-                  "tervox_cal_run_calibration: Tried 1 times, ret = -1, state = 0\n"});
-    {
-        std::lock_guard lock(gate.lock);
-        gate.open = true;
-    }
-    gate.changed.notify_all();
-    // Nothing played for the firmware: the first run fails on its own.
-    EXPECT_EQ(first.get(), 8);
-    EXPECT_EQ(ctx_.cal_state, 0u);
-    EXPECT_EQ(ctx_.cal_ok, 0);
+    preset_ints(0, "T DSP Set CAL_R", {8500});
+    const auto report = run_tool("report --f0");
+    EXPECT_EQ(report.status, 0);
+    EXPECT_NE(report.output.find("'CHANNEL'     'FS'     'AMP DSP'  'KERNEL'\n"),
+              std::string::npos);
+    EXPECT_NE(report.output.find("-     8500\n"), std::string::npos);
+    EXPECT_NE(report.output.find("F0 CH[1]:"), std::string::npos);
 }
 
 } // namespace

@@ -1,0 +1,198 @@
+// Checks, readout conversions and the report, on hand-made records and files.
+#include "calibration/context_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using tvox::test::LogCapture;
+using tvox::test::tervox_lines;
+using tvox::test::words_bytes;
+using tvox::test::write_file;
+
+class ResultsTest : public tvox::test::ContextTest
+{
+  protected:
+    // Records of two channels, both good by default.
+    tervox_cal_record records_[9] = {{1, 0, 9000, 2, 0, 0}, {3, 0, 9000, 2, 0, 0}};
+
+    int32_t check(size_t count = 2)
+    {
+        return tervox_cal_check(reinterpret_cast<uint32_t *>(records_), count);
+    }
+    int32_t diag_check(size_t count = 2)
+    {
+        return tervox_cal_diag_check(reinterpret_cast<uint32_t *>(records_), count);
+    }
+    std::string line(int ch, const char *measured, const char *stored) const
+    {
+        return "CH[" + std::to_string(ch) + "] " + (ch == 0 ? "T" : "B") + " = " + measured + ", " +
+               stored + " <-- '" + bin_ + "'\n";
+    }
+};
+
+TEST_F(ResultsTest, StatusOneOrThreePassesAndFailuresShiftCumulatively)
+{
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(check(0), 0);
+    for (uint32_t bad : {0u, 2u, 4u}) {
+        SCOPED_TRACE(bad);
+        records_[0].status = bad;
+        EXPECT_EQ(check(), 2);
+        records_[0].status = 3;
+        records_[1].status = bad;
+        EXPECT_EQ(check(), 4);
+        records_[0].status = bad;
+        EXPECT_EQ(check(), 8);
+        records_[1].status = 1;
+    }
+    LogCapture log;
+    records_[1] = {5, 0, -3, 0, 0, 0};
+    ctx_.cal_r_range[1] = {0, 0};
+    EXPECT_EQ(check(), 8);
+    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_ERROR),
+              (std::vector<std::string>{
+                  "tervox_cal_check: Channel[0] CAL_R = 9000, STATUS = 4, Failed!\n",
+                  "tervox_cal_check: Channel[1] CAL_R = -3, STATUS = 5, Failed!\n"}));
+}
+
+TEST_F(ResultsTest, RangeIsInclusiveSkippedWithAZeroBoundAndOverridesThePattern)
+{
+    records_[0].cal_r = 8000;
+    records_[1].cal_r = 10500;
+    EXPECT_EQ(check(), 0);
+    records_[0].cal_r = 12000;
+    records_[1].cal_r = 6500;
+    EXPECT_EQ(check(), 0);
+    LogCapture log;
+    records_[0].cal_r = 7999;
+    EXPECT_EQ(check(), 16);
+    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_ERROR),
+              std::vector<std::string>{
+                  "tervox_cal_check: Channel[0] CAL_R = 7999, out of range[8000 - 12000]!\n"});
+    // A later channel in range does not undo it; a negative code compares as a huge one.
+    records_[1].cal_r = -1;
+    records_[0] = {0, 0, 9000, 2, 0, 0};
+    EXPECT_EQ(check(1), 2);
+    EXPECT_EQ(check(), 16); // bad status on channel 0, channel 1 out of range
+    ctx_.cal_r_range[1].min = 0;
+    EXPECT_EQ(check(), 2);
+    ctx_.cal_r_range[1] = {6500, 0};
+    EXPECT_EQ(check(), 2);
+
+    for (auto &record : records_)
+        record = {1, 0, 9000, 2, 0, 0};
+    EXPECT_EQ(check(8), 0);
+    EXPECT_DEATH(check(9), ""); // the ranges have eight entries
+}
+
+TEST_F(ResultsTest, DiagnosticCheckPassesOnlyOnF0StatusTwo)
+{
+    EXPECT_EQ(diag_check(0), 0);
+    records_[0].status = 0; // status and range do not matter to it
+    records_[1].cal_r = 1;
+    EXPECT_EQ(diag_check(), 0);
+    LogCapture log;
+    records_[1].f0_status = 0;
+    records_[1].f0 = 812;
+    EXPECT_EQ(diag_check(), 4);
+    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_INFO),
+              std::vector<std::string>{"tervox_cal_diag_check:channel[1] f0 = 812, Failed!\n"});
+    records_[0].f0_status = 3;
+    EXPECT_EQ(diag_check(), 8);
+    EXPECT_EQ(diag_check(1), 2);
+}
+
+TEST_F(ResultsTest, ResultsConvertCalRToOhmsAndPassF0Through)
+{
+    ctx_.cal[0] = {0, 0, 8192, 0, 750, 0};
+    ctx_.cal[1] = {0, 0, 8391, 0, 0xFFFFFFFFu, 0};
+    ctx_.cal[2].cal_r = -8192;
+    float ohms[4] = {-1, -1, -1, -1};
+    EXPECT_EQ(tervox_cal_get_result(ohms, 3), 0);
+    EXPECT_FLOAT_EQ(ohms[0], 5.85714f);
+    EXPECT_EQ(ohms[1], static_cast<float>(8391 * 5.85714 * 0.0001220703125));
+    EXPECT_FLOAT_EQ(ohms[2], -5.85714f);
+    EXPECT_EQ(ohms[3], -1);
+    uint32_t f0[3] = {9, 9, 9};
+    EXPECT_EQ(tervox_cal_f0_get_result(f0, 2), 0);
+    EXPECT_EQ(f0[1], 0xFFFFFFFFu);
+    EXPECT_EQ(f0[2], 9u);
+    EXPECT_EQ(tervox_cal_get_result(nullptr, 0), 0);
+    EXPECT_EQ(tervox_cal_f0_get_result(nullptr, 0), 0);
+    float many[9] = {};
+    uint32_t many_f0[9] = {};
+    EXPECT_DEATH(tervox_cal_get_result(many, 9), "");
+    EXPECT_DEATH(tervox_cal_f0_get_result(many_f0, 9), "");
+}
+
+TEST_F(ResultsTest, ReportShowsMeasuredBesideStoredValues)
+{
+    ctx_.cal[0].cal_r = 8391;
+    ctx_.cal[1].cal_r = 8391;
+    write_file(bin_, words_bytes({8391, 8391}));
+    LogCapture log;
+    char out[512];
+    std::memset(out, 'x', sizeof out);
+    const std::string lines = line(0, "6.00", " 8391(6.00)") + line(1, "6.00", " 8391(6.00)");
+    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), static_cast<int32_t>(lines.size()));
+    EXPECT_EQ(std::string(out), lines + "calibration success\n");
+    EXPECT_EQ(out[sizeof out - 1], '\0'); // the whole buffer is cleared
+    EXPECT_TRUE(log.contains("tervox_cal_str_format_out: \n " + lines + "calibration success\n",
+                             "AHAL:TERVOX"));
+
+    // The measured value is the single-precision one the HAL reads (2049 rounds up only so);
+    // stored words pad to five places and convert unsigned.
+    write_file(bin_, words_bytes({700, 0xFFFFFFFFu}));
+    ctx_.cal[0].cal_r = 2049;
+    ctx_.cal[1].cal_r = -8192;
+    tervox_cal_str_format_out(out, sizeof out);
+    EXPECT_EQ(std::string(out), line(0, "1.47", "  700(0.50)") +
+                                    line(1, "-5.86", "   -1(3070828.22)") +
+                                    "calibration success\n");
+
+    std::filesystem::remove(bin_);
+    tervox_cal_str_format_out(out, sizeof out); // a missing file reads as zeros
+    EXPECT_EQ(std::string(out), line(0, "1.47", "    0(0.00)") + line(1, "-5.86", "    0(0.00)") +
+                                    "calibration success\n");
+    ctx_.cal_ok = 0;
+    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), 0);
+    EXPECT_EQ(std::string(out), "calibration failed\n");
+    ctx_.cal_ok = 1;
+    ctx_.num_channels = 3;
+    EXPECT_DEATH(tervox_cal_str_format_out(out, sizeof out), ""); // two channels are foreseen
+}
+
+TEST_F(ResultsTest, ReportInSmallBuffersDropsLinesAndNeverOverruns)
+{
+    ctx_.cal[0].cal_r = 8391;
+    ctx_.cal[1].cal_r = 8391;
+    write_file(bin_, words_bytes({8391, 8391}));
+    const std::string first = line(0, "6.00", " 8391(6.00)");
+    const auto total = static_cast<int32_t>(2 * first.size());
+    std::array<char, 256> guard{};
+    // The first line and the status fit, the second line does not, but is counted.
+    const std::pair<size_t, std::string> cases[] = {
+        {first.size() + 40, first + "calibration success\n"},
+        {10, "calibrati"},                                 // even the status line is cut
+        {first.size(), first.substr(0, first.size() - 1)}, // counted as fitting, cut by the NUL
+    };
+    for (const auto &[size, expected] : cases) {
+        guard.fill('#');
+        EXPECT_EQ(tervox_cal_str_format_out(guard.data(), size),
+                  size >= first.size() ? total : static_cast<int32_t>(first.size()));
+        EXPECT_EQ(std::string(guard.data()), expected);
+        EXPECT_EQ(guard[size], '#');
+    }
+    guard.fill('#');
+    EXPECT_EQ(tervox_cal_str_format_out(guard.data(), 0), static_cast<int32_t>(first.size()));
+    EXPECT_EQ(guard[0], '#');
+}
+
+} // namespace
