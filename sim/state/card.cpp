@@ -51,12 +51,11 @@ std::string format_values(const Control &control, std::span<const int64_t> numbe
     return text;
 }
 
-Card::Card(int number, std::span<const Control> controls, std::unique_ptr<State> state,
+Card::Card(int number, const Catalogue &catalogue, std::unique_ptr<State> state,
            std::vector<uint32_t> slots)
-    : number_(number), controls_(controls), state_(std::move(state)), slots_(std::move(slots))
+    : number_(number), catalogue_(catalogue), controls_(catalogue.card(number)),
+      state_(std::move(state)), slots_(std::move(slots))
 {
-    for (size_t i = 0; i < controls_.size(); ++i)
-        by_name_.emplace(controls_[i].name, i);
 }
 
 std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catalogue &catalogue,
@@ -84,7 +83,7 @@ std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catal
         }
     }
     err = 0;
-    return std::unique_ptr<Card>(new Card(number, controls, std::move(state), std::move(slots)));
+    return std::unique_ptr<Card>(new Card(number, catalogue, std::move(state), std::move(slots)));
 }
 
 std::unique_ptr<Card> Card::open(int number, int &err)
@@ -94,8 +93,8 @@ std::unique_ptr<Card> Card::open(int number, int &err)
 
 int Card::find(std::string_view name) const
 {
-    auto found = by_name_.find(name);
-    return found == by_name_.end() ? -1 : static_cast<int>(found->second);
+    const Control *control = catalogue_.find(number_, name);
+    return control == nullptr ? -1 : static_cast<int>(control - controls_.data());
 }
 
 int Card::read(size_t index, Value out)

@@ -18,7 +18,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace tvox::sim
@@ -27,8 +26,8 @@ namespace tvox::sim
 class Card
 {
   public:
-    // Card `number` of `catalogue` over the state in `dir`. Null with `err` = -errno on failure
-    // (-ENODEV when the catalogue has no such card).
+    // Card `number` of `catalogue` (which must outlive the card) over the state in `dir`. Null
+    // with `err` = -errno on failure (-ENODEV when the catalogue has no such card).
     static std::unique_ptr<Card> open(int number, const std::string &dir,
                                       const Catalogue &catalogue, int &err);
     // The same with the folder and filler count from the environment.
@@ -53,7 +52,7 @@ class Card
     int tlv_write(size_t index, const unsigned int *tlv, size_t size);
 
   private:
-    Card(int number, std::span<const Control> controls, std::unique_ptr<State> state,
+    Card(int number, const Catalogue &catalogue, std::unique_ptr<State> state,
          std::vector<uint32_t> slots);
     // Checks a write the way a driver would; 0 or -EINVAL.
     static int check(const Control &control, Value in);
@@ -61,10 +60,12 @@ class Card
     int apply(Session &session, size_t index, Value in, const std::string &journal_line);
 
     int number_;
+    // Names are looked up in the catalogue's index, built once per process: a card opens
+    // without work that grows with its control count beyond binding the slots.
+    const Catalogue &catalogue_;
     std::span<const Control> controls_;
     std::unique_ptr<State> state_;
     std::vector<uint32_t> slots_; // state slot of each control
-    std::unordered_map<std::string_view, size_t> by_name_;
 };
 
 // Values as the journal and the tool print them: bytes as two hex digits, numbers in decimal,
