@@ -8,24 +8,17 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "amixer.h"
 #include "state.h"
+#include "support/mixer.h"
 #include "support/sim_fixture.h"
 
 namespace
 {
 
-using tvox::test::amixer;
-using tvox::test::amixer_values;
-
-struct MixerCloser {
-    void operator()(mixer *m) const { mixer_close(m); }
-};
-using Mixer = std::unique_ptr<mixer, MixerCloser>;
+using tvox::test::Mixer;
 
 constexpr const char *stereo_switch = "SPK AMP Enable Switch";
 constexpr const char *stereo_volume = "SPK Digital PCM Volume";
@@ -53,54 +46,46 @@ class MixerSim : public tvox::test::SimTest
         EXPECT_NE(found, nullptr) << name;
         return found;
     }
+    void amixer_set(const char *name, const char *values)
+    {
+        ASSERT_EQ(amixer(0, std::string("cset name='") + name + "' " + values).status, 0) << name;
+    }
 
     Mixer mixer_;
 };
 
-TEST_F(MixerSim, ValuesSetHereAreSeenByAmixer)
+TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
 {
     // One element changes, the other keeps its value; any non-zero boolean is on.
     ASSERT_EQ(mixer_ctl_set_value(ctl(stereo_switch), 1, 5), 0);
-    EXPECT_EQ(amixer_values(stereo_switch), "off,on");
+    EXPECT_EQ(amixer_values(0, stereo_switch), "off,on");
     ASSERT_EQ(mixer_ctl_set_value(ctl(stereo_volume), 0, 400), 0);
-    EXPECT_EQ(amixer_values(stereo_volume), "400,817");
+    EXPECT_EQ(amixer_values(0, stereo_volume), "400,817");
     ASSERT_EQ(mixer_ctl_set_enum_by_string(ctl(source), "DSP"), 0);
-    EXPECT_EQ(amixer_values(source), "2");
-    ASSERT_EQ(mixer_ctl_set_value(ctl(source), 0, 3), 0);
-    EXPECT_EQ(amixer_values(source), "3");
-
+    EXPECT_EQ(amixer_values(0, source), "2");
     const uint8_t data[] = {0x12, 0x34, 0xab, 0xff};
     ASSERT_EQ(mixer_ctl_set_array(ctl(plain_bytes), data, sizeof data), 0);
-    EXPECT_EQ(amixer_values(plain_bytes), "0x12,0x34,0xab,0xff");
     ASSERT_EQ(mixer_ctl_set_value(ctl(plain_bytes), 2, 0x5c), 0);
-    EXPECT_EQ(amixer_values(plain_bytes), "0x12,0x34,0x5c,0xff");
+    EXPECT_EQ(amixer_values(0, plain_bytes), "0x12,0x34,0x5c,0xff");
     // A shorter array replaces the whole value: the bytes past it become 0.
     ASSERT_EQ(mixer_ctl_set_array(ctl(plain_bytes), data, 2), 0);
     EXPECT_EQ(bytes(0, plain_bytes), (std::vector<uint8_t>{0x12, 0x34, 0, 0}));
-}
 
-TEST_F(MixerSim, ValuesSetByAmixerAreReadHere)
-{
-    ASSERT_EQ(amixer(std::string("cset name='") + stereo_switch + "' on,off").status, 0);
+    amixer_set(stereo_switch, "on,off");
     EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_switch), 0), 1);
     EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_switch), 1), 0);
-    ASSERT_EQ(amixer(std::string("cset name='") + stereo_volume + "' 12,913").status, 0);
-    EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_volume), 0), 12);
-    EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_volume), 1), 913);
+    amixer_set(stereo_volume, "12,913");
     int volumes[2] = {};
     ASSERT_EQ(mixer_ctl_get_array(ctl(stereo_volume), volumes, 2), 0);
-    EXPECT_EQ(volumes[0], 12);
     EXPECT_EQ(volumes[1], 913);
-    ASSERT_EQ(amixer(std::string("cset name='") + source + "' Zero").status, 0);
+    EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_volume), 0), 12);
+    amixer_set(source, "Zero");
     EXPECT_EQ(mixer_ctl_get_value(ctl(source), 0), 3);
-    EXPECT_STREQ(mixer_ctl_get_enum_string(ctl(source), 3), "Zero");
-    ASSERT_EQ(amixer(std::string("cset name='") + plain_bytes + "' 0x01,0x80,0x7f,0xfe").status, 0);
+    amixer_set(plain_bytes, "0x01,0x80,0x7f,0xfe");
     EXPECT_EQ(mixer_ctl_get_value(ctl(plain_bytes), 1), 0x80);
     uint8_t read[4] = {};
     ASSERT_EQ(mixer_ctl_get_array(ctl(plain_bytes), read, 3), 0);
-    EXPECT_EQ(read[0], 0x01);
-    EXPECT_EQ(read[2], 0x7f);
-    EXPECT_EQ(read[3], 0); // only the bytes asked for
+    EXPECT_EQ(std::vector<uint8_t>(read, read + 4), (std::vector<uint8_t>{1, 0x80, 0x7f, 0}));
 }
 
 TEST_F(MixerSim, ControlsAreListedAndDescribed)
@@ -109,35 +94,27 @@ TEST_F(MixerSim, ControlsAreListedAndDescribed)
     ASSERT_GT(count, 10u);
     EXPECT_EQ(mixer_get_ctl(mixer_.get(), count), nullptr);
     for (unsigned int i = 0; i < count; i += 7) {
-        mixer_ctl *by_index = mixer_get_ctl(mixer_.get(), i);
-        ASSERT_NE(by_index, nullptr);
         // Names are unique on this card, so the lookup by name finds the same control.
+        mixer_ctl *by_index = mixer_get_ctl(mixer_.get(), i);
         EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), mixer_ctl_get_name(by_index)), by_index);
     }
     EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), "T PCM Sourc"), nullptr);
     EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), nullptr), nullptr);
 
-    EXPECT_EQ(mixer_ctl_get_type(ctl(stereo_switch)), MIXER_CTL_TYPE_BOOL);
     EXPECT_STREQ(mixer_ctl_get_type_string(ctl(stereo_switch)), "BOOL");
     EXPECT_EQ(mixer_ctl_get_num_values(ctl(stereo_switch)), 2u);
     EXPECT_EQ(mixer_ctl_get_type(ctl(stereo_volume)), MIXER_CTL_TYPE_INT);
-    EXPECT_EQ(mixer_ctl_get_range_min(ctl(stereo_volume)), 0);
     EXPECT_EQ(mixer_ctl_get_range_max(ctl(stereo_volume)), 913);
     EXPECT_EQ(mixer_ctl_get_range_max(ctl(source)), -EINVAL);
     EXPECT_EQ(mixer_ctl_get_type(ctl(source)), MIXER_CTL_TYPE_ENUM);
-    EXPECT_STREQ(mixer_ctl_get_type_string(ctl(source)), "ENUM");
     EXPECT_EQ(mixer_ctl_get_num_enums(ctl(source)), 4u);
-    EXPECT_STREQ(mixer_ctl_get_enum_string(ctl(source), 0), "ASPRX1");
+    EXPECT_STREQ(mixer_ctl_get_enum_string(ctl(source), 3), "Zero");
     EXPECT_EQ(mixer_ctl_get_enum_string(ctl(source), 4), nullptr);
-    EXPECT_EQ(mixer_ctl_get_num_enums(ctl(stereo_volume)), 0u);
     EXPECT_EQ(mixer_ctl_get_type(ctl(plain_bytes)), MIXER_CTL_TYPE_BYTE);
-    EXPECT_STREQ(mixer_ctl_get_type_string(ctl(plain_bytes)), "BYTE");
-    EXPECT_EQ(mixer_ctl_get_num_values(ctl(plain_bytes)), 4u);
     EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(plain_bytes)), 0);
     EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(tlv_bytes)), 1);
     EXPECT_EQ(mixer_ctl_get_num_values(ctl(tlv_bytes)), 16u);
     EXPECT_EQ(mixer_ctl_get_type(nullptr), MIXER_CTL_TYPE_UNKNOWN);
-    EXPECT_EQ(mixer_ctl_get_num_values(nullptr), 0u);
 }
 
 TEST_F(MixerSim, RefusedCallsChangeNothing)
@@ -149,17 +126,20 @@ TEST_F(MixerSim, RefusedCallsChangeNothing)
     EXPECT_EQ(mixer_ctl_set_enum_by_string(ctl(stereo_volume), "DSP"), -EINVAL);
     const int three[3] = {1, 2, 3};
     EXPECT_EQ(mixer_ctl_set_array(ctl(stereo_volume), three, 3), -EINVAL);
-    EXPECT_EQ(mixer_ctl_set_array(ctl(stereo_volume), three, 0), -EINVAL);
     EXPECT_EQ(mixer_ctl_set_array(ctl(source), three, 1), -EINVAL);
     const uint8_t five[5] = {1, 2, 3, 4, 5};
     EXPECT_EQ(mixer_ctl_set_array(ctl(plain_bytes), five, 5), -EINVAL);
     uint8_t out[5] = {};
     EXPECT_EQ(mixer_ctl_get_array(ctl(plain_bytes), out, 5), -EINVAL);
-    // The card's own refusal (past the range) comes back as an error too.
+    // The card's own refusals (past the range, an item that does not exist, a read-only
+    // control) come back as errors too.
     EXPECT_LT(mixer_ctl_set_value(ctl(stereo_volume), 0, 914), 0);
+    EXPECT_LT(mixer_ctl_set_value(ctl(source), 0, 4), 0);
+    EXPECT_LT(mixer_ctl_set_value(ctl("T AMP Active Status"), 0, 1), 0);
     EXPECT_EQ(journal_lines(), std::vector<std::string>{});
     EXPECT_EQ(int_values(0, stereo_volume), (std::vector<long>{817, 817}));
     EXPECT_EQ(enum_item(0, source), "ASPRX1");
+    EXPECT_EQ(bytes(0, plain_bytes), (std::vector<uint8_t>{0, 0, 0, 0}));
 }
 
 TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
@@ -176,13 +156,12 @@ TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
     ASSERT_EQ(journal_lines().size(), 1u);
     EXPECT_EQ(journal_lines()[0].rfind(
                   "tlv 0 \"" + std::string(tlv_bytes) + "\" tag 0 len 16 = f0 ef", 0),
-              0u)
-        << journal_lines()[0];
+              0u);
 
     std::vector<uint8_t> read(8 + 16);
     ASSERT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), read.data(), read.size()), 0);
     EXPECT_EQ(read, container);
-    // A smaller container gets the start of the value.
+    // A smaller container gets the start of the value, and says so in its length.
     std::vector<uint8_t> part(8 + 4);
     ASSERT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), part.data(), part.size()), 0);
     EXPECT_EQ(part[4], 4);
@@ -196,11 +175,10 @@ TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
     std::memcpy(oversized.data(), header, sizeof header);
     EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), oversized.size()), -EINVAL);
     EXPECT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), oversized.data(), oversized.size()), -EINVAL);
-    std::vector<uint8_t> overlong(8 + 8, 0x22);
     const uint32_t long_header[2] = {0, 12};
-    std::memcpy(overlong.data(), long_header, sizeof long_header);
-    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), overlong.data(), overlong.size()), -EINVAL);
-    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), overlong.data(), 7), -EINVAL);
+    std::memcpy(oversized.data(), long_header, sizeof long_header);
+    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), 8 + 8), -EINVAL);
+    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), 7), -EINVAL);
     EXPECT_EQ(bytes(0, tlv_bytes), payload);
     EXPECT_EQ(journal_lines(), std::vector<std::string>{});
 }
@@ -210,7 +188,6 @@ TEST_F(MixerSim, MissingCardsDoNotOpen)
     EXPECT_EQ(mixer_open(42), nullptr); // hw:42
     setenv("TINYALSA_CARD_42", "tvoxabsent", 1);
     EXPECT_EQ(mixer_open(42), nullptr);
-    unsetenv("TINYALSA_CARD_42");
     Mixer agm(mixer_open(100));
     ASSERT_NE(agm, nullptr);
     EXPECT_NE(mixer_get_ctl_by_name(agm.get(), "PCM100 connect"), nullptr);

@@ -13,95 +13,61 @@ using tvox::sim::Catalogue;
 using tvox::sim::Control;
 using tvox::sim::Type;
 
-const Control &must_find(const Catalogue &catalogue, int card, const std::string &name)
+// The type, count and access of a control of the built-in catalogue ("missing" when absent).
+std::string shape(int card, const std::string &name)
 {
-    const Control *control = catalogue.find(card, name);
-    if (control == nullptr)
-        ADD_FAILURE() << "missing control \"" << name << "\" on card " << card;
-    static const Control none;
-    return control != nullptr ? *control : none;
+    const Control *c = Catalogue::get(0).find(card, name);
+    if (c == nullptr)
+        return "missing";
+    static constexpr const char *types[] = {"?", "bool", "int", "enum", "bytes"};
+    return std::string(types[static_cast<int>(c->type)]) + "[" + std::to_string(c->count) + "]" +
+           (c->is_tlv() ? " tlv" : "") +
+           ((c->access & (tvox::sim::access_write | tvox::sim::access_tlv_write)) ? "" : " ro");
 }
 
-TEST(CatalogueTest, AmplifierCardHoldsEveryChannelControlWithItsType)
+TEST(CatalogueTest, CardsHoldTheControlsTheLibraryUses)
 {
     const Catalogue &catalogue = Catalogue::get(0);
     for (std::string x : {"T", "B"}) {
-        for (std::string word :
-             {"CAL_STATUS", "CAL_CHECKSUM", "CAL_AMBIENT", "DIAG_F0_STATUS", "DIAG_F0",
-              "DIAG_Z_LOW_DIFF", "QORA_STATE", "CH_BAL", "RTLOG_STATE"}) {
-            const Control &c = must_find(catalogue, 0, x + " DSP1 Protection 5f210 " + word);
-            EXPECT_EQ(c.type, Type::bytes);
-            EXPECT_EQ(c.count, 4u) << c.name;
-            EXPECT_FALSE(c.is_tlv()) << c.name;
+        for (std::string word : {"CAL_R", "CAL_STATUS", "CAL_CHECKSUM", "CAL_AMBIENT", "DIAG_F0",
+                                 "DIAG_F0_STATUS", "DIAG_Z_LOW_DIFF", "QORA_STATE"}) {
+            EXPECT_EQ(shape(0, x + " DSP1 Protection 5f210 " + word), "bytes[4]") << word;
+            EXPECT_EQ(shape(0, x + " Protection 5f210 " + word), "bytes[4]") << word;
         }
-        for (std::string word : {"CAL_R", "CAL_STATUS", "CAL_CHECKSUM", "CAL_AMBIENT",
-                                 "DIAG_F0_STATUS", "DIAG_F0", "DIAG_Z_LOW_DIFF", "QORA_STATE"})
-            EXPECT_EQ(must_find(catalogue, 0, x + " Protection 5f210 " + word).count, 4u);
-        EXPECT_EQ(must_find(catalogue, 0, x + " DSP1 Protection 5f210 RTLOG_DATA").count, 32u);
-        EXPECT_EQ(must_find(catalogue, 0, x + " DSP1 Protection cd RTLOG_VARIABLE").count, 16u);
-        for (std::string word : {"RTLOG_ENABLE", "RTLOG_COUNT", "RTLOG_STATE"})
-            EXPECT_TRUE(must_find(catalogue, 0, x + " DSP1 Protection cd " + word).is_tlv());
-        EXPECT_EQ(must_find(catalogue, 0, x + " AMP WR Registers").count, 12u);
-
-        const Control &source = must_find(catalogue, 0, x + " PCM Source");
-        EXPECT_EQ(source.items, (std::vector<std::string>{"ASPRX1", "ASPRX2", "DSP", "Zero"}));
-        EXPECT_GE(must_find(catalogue, 0, x + " DSP1 Firmware").item_index("Protection"), 0);
-        for (std::string sw : {" AMP Enable Switch", " DSP1 Preload Switch", " DSP1 Boot Switch"})
-            EXPECT_EQ(must_find(catalogue, 0, x + sw).type, Type::boolean);
-        const Control &mode = must_find(catalogue, 0, x + " DSP Mode");
-        EXPECT_EQ(mode.min, 0);
-        EXPECT_EQ(mode.max, 3);
-        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Set CAL_AMBIENT").min, -40);
-        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Set CAL_R").type, Type::integer);
-        const Control &active = must_find(catalogue, 0, x + " AMP Active Status");
-        EXPECT_EQ(active.access & tvox::sim::access_write, 0u);
-        EXPECT_EQ(must_find(catalogue, 0, x + " DSP Get CAL_STATUS").access &
-                      tvox::sim::access_write,
-                  0u);
-        EXPECT_EQ(source.channel, x == "T" ? 0 : 1);
+        EXPECT_EQ(shape(0, x + " DSP1 Protection 5f210 RTLOG_DATA"), "bytes[32]");
+        EXPECT_EQ(shape(0, x + " DSP1 Protection cd RTLOG_VARIABLE"), "bytes[16] tlv");
+        EXPECT_EQ(shape(0, x + " DSP1 Protection cd RTLOG_ENABLE"), "bytes[4] tlv");
+        EXPECT_EQ(shape(0, x + " AMP WR Registers"), "bytes[12]");
+        EXPECT_EQ(shape(0, x + " AMP Enable Switch"), "bool[1]");
+        EXPECT_EQ(shape(0, x + " AMP Active Status"), "int[1] ro");
+        EXPECT_EQ(shape(0, x + " DSP Get CAL_STATUS"), "bytes[4] ro");
+        EXPECT_EQ(shape(0, x + " DSP Set CAL_R"), "int[1]");
+        const Control *mode = catalogue.find(0, x + " DSP Mode");
+        ASSERT_NE(mode, nullptr);
+        EXPECT_EQ(mode->max, 3);
+        EXPECT_EQ(catalogue.find(0, x + " DSP Set CAL_AMBIENT")->min, -40);
+        const Control *source = catalogue.find(0, x + " PCM Source");
+        ASSERT_NE(source, nullptr);
+        EXPECT_EQ(source->items, (std::vector<std::string>{"ASPRX1", "ASPRX2", "DSP", "Zero"}));
+        EXPECT_EQ(source->channel, x == "T" ? 0 : 1);
     }
-}
-
-TEST(CatalogueTest, AmplifierCardHoldsRoutingAndHostDspControls)
-{
-    const Catalogue &catalogue = Catalogue::get(0);
-    for (std::string x : {"SPK", "RCV"}) {
-        EXPECT_GE(must_find(catalogue, 0, x + " DSP_RX1 Source").item_index("ASP_RX2"), 0);
-        EXPECT_GE(must_find(catalogue, 0, x + " DSP_RX2 Source").item_index("ASP_RX1"), 0);
-        EXPECT_GE(must_find(catalogue, 0, x + " DACPCM Source").item_index("DSP_TX1"), 0);
-        EXPECT_GE(must_find(catalogue, 0, x + " DSP1 Firmware").item_index("Protection"), 0);
-        const Control &volume = must_find(catalogue, 0, x + " Digital PCM Volume");
-        EXPECT_EQ(volume.max, 913);
-        must_find(catalogue, 0, x + " AMP Enable Switch");
-    }
-    EXPECT_EQ(must_find(catalogue, 0, "SPK Digital PCM Volume").count, 2u);
-    EXPECT_EQ(must_find(catalogue, 0, "SPK AMP Enable Switch").count, 2u);
-    must_find(catalogue, 0, "PRI_MI2S_RX Audio Mixer MultiMedia1");
-    EXPECT_TRUE(must_find(catalogue, 0, "RCV DSP1 Protection cd CAL_R").is_tlv());
-    EXPECT_EQ(must_find(catalogue, 0, "Tervox SP Channel Swap").items,
+    EXPECT_EQ(shape(0, "SPK Digital PCM Volume"), "int[2]");
+    EXPECT_EQ(shape(0, "RCV DSP1 Protection cd CAL_R"), "bytes[4] tlv");
+    EXPECT_EQ(catalogue.find(0, "Tervox SP Channel Swap")->items,
               (std::vector<std::string>{"LR", "RL"}));
-    must_find(catalogue, 0, "Tervox SP Delta");
-    must_find(catalogue, 0, "Tervox SP Load Rx Config");
-}
 
-TEST(CatalogueTest, AgmCardHoldsInterfaceAndStreamControls)
-{
-    const Catalogue &catalogue = Catalogue::get(0);
     for (std::string intf : {"TDM-LPAIF-RX-SECONDARY", "TDM-LPAIF-RX-TERTIARY", "VIRT-SPK-GROUP"}) {
-        const Control &media = must_find(catalogue, 100, intf + " rate ch fmt");
-        EXPECT_EQ(media.type, Type::integer);
-        EXPECT_EQ(media.count, 4u);
+        EXPECT_EQ(shape(100, intf + " rate ch fmt"), "int[4]");
         for (std::string word : {" metadata", " setParam", " group config"})
-            EXPECT_EQ(must_find(catalogue, 100, intf + word).count, 1024u);
+            EXPECT_EQ(shape(100, intf + word), "bytes[1024] tlv") << word;
     }
     for (std::string dev : {"PCM100", "PCM101"}) {
-        for (std::string word : {" metadata", " setParam", " getTaggedInfo", " group mux config"})
-            EXPECT_EQ(must_find(catalogue, 100, dev + word).count, 1024u);
+        EXPECT_EQ(shape(100, dev + " getTaggedInfo"), "bytes[1024] tlv");
         for (std::string word : {" control", " connect", " disconnect"}) {
-            const Control &c = must_find(catalogue, 100, dev + word);
-            EXPECT_EQ(c.item_index("ZERO"), 0);
-            EXPECT_GT(c.item_index("TDM-LPAIF-RX-SECONDARY"), 0);
-            EXPECT_GT(c.item_index("VIRT-SPK-GROUP"), 0);
+            const Control *c = catalogue.find(100, dev + word);
+            ASSERT_NE(c, nullptr) << dev << word;
+            EXPECT_EQ(c->item_index("ZERO"), 0);
+            EXPECT_GT(c->item_index("VIRT-SPK-GROUP"), 0);
         }
     }
     EXPECT_EQ(catalogue.find(0, "PCM100 connect"), nullptr);
@@ -113,11 +79,8 @@ TEST(CatalogueTest, FillerControlsFollowTheRealOnesOnCardZero)
     const Catalogue &plain = Catalogue::get(0);
     const Catalogue &filled = Catalogue::get(3);
     ASSERT_EQ(filled.card(0).size(), plain.card(0).size() + 3);
-    EXPECT_EQ(filled.card(0).back().name, "Filler Control 0002");
     EXPECT_EQ(filled.card(0)[plain.card(0).size()].name, "Filler Control 0000");
     EXPECT_EQ(filled.card(100).size(), plain.card(100).size());
-    EXPECT_EQ(plain.find(0, "Filler Control 0000"), nullptr);
-
     setenv("TVOXSIM_FILLER", "5", 1);
     EXPECT_NE(Catalogue::from_env().find(0, "Filler Control 0004"), nullptr);
     unsetenv("TVOXSIM_FILLER");

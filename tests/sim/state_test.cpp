@@ -92,16 +92,6 @@ TEST_F(StateTest, FileFromAnotherLayoutIsReplacedNotMisread)
     EXPECT_EQ(mode_in_fresh_state(), (std::vector<long>{2}));
 }
 
-TEST_F(StateTest, ValuesPersistAcrossProcesses)
-{
-    ASSERT_TRUE(in_processes(1, [this](int) { return write_mode(2) == 1 ? 0 : 1; }));
-    EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{2}));
-    ASSERT_TRUE(in_processes(1, [this](int) { return write_mode(0) == 1 ? 0 : 1; }));
-    EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{0}));
-    EXPECT_EQ(journal_lines(),
-              (std::vector<std::string>{"ctl 0 \"T DSP Mode\" = 2", "ctl 0 \"T DSP Mode\" = 0"}));
-}
-
 TEST_F(StateTest, ConcurrentProcessesNeitherLoseUpdatesNorTearJournalLines)
 {
     constexpr int kRounds = 2000;

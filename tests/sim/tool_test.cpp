@@ -10,11 +10,7 @@ namespace
 
 using tvox::test::CommandResult;
 
-class ToolTest : public tvox::test::SimTest
-{
-  protected:
-    CommandResult tool(const std::string &args) { return run_command(tool_path() + " " + args); }
-};
+using ToolTest = tvox::test::SimTest;
 
 TEST_F(ToolTest, EnvPrintsExportsForAnAbsoluteFolder)
 {
@@ -65,7 +61,7 @@ TEST_F(ToolTest, ShowAndJournalReportTheState)
     EXPECT_NE(tool("show 100").output.find("bytes[1024] tlv  00 00 00 00 (+1020 zero bytes)"),
               std::string::npos);
 
-    ASSERT_EQ(system("amixer -D tvoxsim:0 cset name='T DSP Mode' 2 >/dev/null"), 0);
+    ASSERT_EQ(amixer(0, "cset name='T DSP Mode' 2").status, 0);
     EXPECT_EQ(tool("journal").output, "ctl 0 \"T DSP Mode\" = 2\n");
     EXPECT_EQ(tool("journal --clear").status, 0);
     EXPECT_EQ(tool("journal").output, "");
@@ -74,7 +70,7 @@ TEST_F(ToolTest, ShowAndJournalReportTheState)
 TEST_F(ToolTest, InitStartsOverAndBadUsageFails)
 {
     preset_ints(0, "T DSP Mode", {3});
-    ASSERT_EQ(system("amixer -D tvoxsim:0 cset name='B DSP Mode' 2 >/dev/null"), 0);
+    ASSERT_EQ(amixer(0, "cset name='B DSP Mode' 2").status, 0);
     CommandResult init = tool("init");
     EXPECT_EQ(init.status, 0);
     EXPECT_EQ(init.output, "simulator ready in " + sim_dir() + "\n");

@@ -2,6 +2,7 @@
 
 #include "catalogue.h"
 #include "environment.h"
+#include "phone.h"
 #include "state.h"
 
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace tvox::test
 {
@@ -171,6 +173,60 @@ CommandResult SimTest::run_command(const std::string &command)
     int status = pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
+}
+
+CommandResult SimTest::tool(const std::string &arguments)
+{
+    return run_command(tool_path() + " " + arguments);
+}
+
+CommandResult SimTest::amixer(int card, const std::string &arguments)
+{
+    return run_command("amixer -D tvoxsim:" + std::to_string(card) + " " + arguments);
+}
+
+std::string SimTest::amixer_values(int card, std::string_view name)
+{
+    const std::string output = amixer(card, "cget name='" + std::string(name) + "'").output;
+    const std::string marker = "  : values=";
+    const size_t at = output.find(marker);
+    if (at == std::string::npos)
+        return {};
+    const size_t start = at + marker.size();
+    return output.substr(start, output.find('\n', start) - start);
+}
+
+std::string SimTest::folder_file(std::string_view name, std::string_view text) const
+{
+    const std::string path = dir_ + "/" + std::string(name);
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+void SimTest::install_phone()
+{
+    ASSERT_EQ(tvox::sim::install_phone(dir_), 0);
+}
+
+void SimTest::set_speaker(unsigned channel, double ohms, tvox::sim::SpeakerFault fault,
+                          double f0_hz)
+{
+    Session session = state_->lock();
+    session.speaker(channel) = tvox::sim::SpeakerConfig{ohms, f0_hz, fault, 0};
+}
+
+void SimTest::record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card, int device,
+                            uint32_t pid)
+{
+    Session session = state_->lock();
+    tvox::sim::PcmRecord *record = session.stream(card, device, true);
+    ASSERT_NE(record, nullptr);
+    record->running = stop_ns == 0;
+    record->start_time_ns = start_ns;
+    record->stop_time_ns = stop_ns;
+    record->peak = peak;
+    record->pid = pid;
+    record->starts++;
 }
 
 } // namespace tvox::test

@@ -11,7 +11,11 @@
 // An unknown control or a value of the wrong kind is reported as a test failure.
 #pragma once
 
+#include "layout.h"
+
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
@@ -35,6 +39,17 @@ struct CommandResult {
 
 class SimTest : public ::testing::Test
 {
+  public:
+    // Runs a shell command in this process's environment (so inside this test's simulator);
+    // status -1 when it could not run or did not exit normally.
+    static CommandResult run_command(const std::string &command);
+    // The tvoxsim tool, and amixer on virtual card `card`, each in a process of its own.
+    static CommandResult tool(const std::string &arguments);
+    static CommandResult amixer(int card, const std::string &arguments);
+    // The values `amixer cget` shows for a control ("on,off", "817,3", "0x01,0x02"), empty when
+    // it shows none.
+    static std::string amixer_values(int card, std::string_view name);
+
   protected:
     SimTest();
     ~SimTest() override;
@@ -61,9 +76,18 @@ class SimTest : public ::testing::Test
     std::vector<std::string> journal_lines();
     void clear_journal();
 
-    // Runs a shell command in this process's environment (so inside this test's simulator);
-    // status -1 when it could not run or did not exit normally.
-    static CommandResult run_command(const std::string &command);
+    // Writes `text` to the file `name` in the simulator folder and returns its path.
+    std::string folder_file(std::string_view name, std::string_view text) const;
+    // Gives the folder its phone folder, as `tvoxsim init` does.
+    void install_phone();
+    // The loudspeaker behind amplifier channel `channel` (0 is T, 1 is B).
+    void set_speaker(unsigned channel, double ohms,
+                     tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
+                     double f0_hz = 800);
+    // A stream record as the sink leaves it: started at `start_ns`, still running while
+    // `stop_ns` is 0.
+    void record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card = 0, int device = 0,
+                       uint32_t pid = static_cast<uint32_t>(getpid()));
 
   private:
     std::string dir_;
