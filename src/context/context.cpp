@@ -6,6 +6,7 @@
 #include "util/fatal.h"
 #include "util/log.h"
 
+#include <atomic>
 #include <pthread.h>
 
 struct tervox *self = nullptr;
@@ -25,7 +26,8 @@ constexpr tervox_cal_r_range kBottomRange{6500, 10500};
 
 extern "C" int32_t tervox_cal_init(struct tervox *ctx)
 {
-    self = ctx;
+    // The playback thread of a run may be reading self at this moment.
+    std::atomic_ref(self).store(ctx);
     // These lines are emitted on every start-up; log readers key on them.
     for (int i = 0; i <= 2; ++i)
         tvox::log_tervox(tvox::Priority::error, "channel[%d] : %d - %d\n", i, kChannels, kChannels);
@@ -80,7 +82,7 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
 
 extern "C" int32_t tervox_cal_deinit(struct tervox *ctx)
 {
-    self = ctx;
+    std::atomic_ref(self).store(ctx);
     // A context that never started a calibration has no thread to join.
     if (tvox::join_cal_thread(ctx) < 0)
         tvox::log_tervox(tvox::Priority::info, "%s: Unable to join the boot thread",
