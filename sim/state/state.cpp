@@ -107,6 +107,26 @@ int create_state_file(const std::string &path)
     return err;
 }
 
+// The used record of `records` that `matches`, else (when `create`) a free one, cleared and
+// given its identity by `claim`; null when there is none.
+template <typename Record, size_t N, typename Match, typename Claim>
+Record *find_or_claim(Record (&records)[N], bool create, Match matches, Claim claim)
+{
+    Record *free = nullptr;
+    for (Record &record : records) {
+        if (record.used && matches(record))
+            return &record;
+        if (!record.used && free == nullptr)
+            free = &record;
+    }
+    if (!create || free == nullptr)
+        return nullptr;
+    *free = Record{};
+    claim(*free);
+    free->used = 1;
+    return free;
+}
+
 uint32_t hash_name(int card, std::string_view name)
 {
     uint32_t h = 2166136261u ^ static_cast<uint32_t>(card);
@@ -315,20 +335,13 @@ std::span<uint8_t> Session::bytes(ControlSlot &slot)
 
 PcmRecord *Session::stream(int card, int device, bool create)
 {
-    PcmRecord *free = nullptr;
-    for (PcmRecord &record : layout_->streams) {
-        if (record.used && record.card == card && record.device == device)
-            return &record;
-        if (!record.used && free == nullptr)
-            free = &record;
-    }
-    if (!create || free == nullptr)
-        return nullptr;
-    *free = PcmRecord{};
-    free->card = card;
-    free->device = device;
-    free->used = 1;
-    return free;
+    return find_or_claim(
+        layout_->streams, create,
+        [&](const PcmRecord &r) { return r.card == card && r.device == device; },
+        [&](PcmRecord &r) {
+            r.card = card;
+            r.device = device;
+        });
 }
 
 SpeakerConfig &Session::speaker(unsigned channel)
@@ -410,19 +423,9 @@ AgmInterface &Session::interface_at(int index)
 
 AgmStream *Session::agm_stream(int device, bool create)
 {
-    AgmStream *free = nullptr;
-    for (AgmStream &entry : layout_->agm_streams) {
-        if (entry.used && entry.device == device)
-            return &entry;
-        if (!entry.used && free == nullptr)
-            free = &entry;
-    }
-    if (!create || free == nullptr)
-        return nullptr;
-    *free = AgmStream{};
-    free->device = device;
-    free->used = 1;
-    return free;
+    return find_or_claim(
+        layout_->agm_streams, create, [&](const AgmStream &e) { return e.device == device; },
+        [&](AgmStream &e) { e.device = device; });
 }
 
 std::vector<std::string> Session::connected(int device)

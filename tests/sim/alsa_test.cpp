@@ -107,15 +107,17 @@ TEST_F(AlsaTest, TlvByteControlsMoveHeaderAndBytesByName)
     ASSERT_EQ(snd_ctl_elem_tlv_write(ctl.get(), id, container), 1);
     EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"), (std::vector<uint8_t>{0, 0, 0x15, 0x14}));
 
-    unsigned int read[8] = {};
-    ASSERT_EQ(snd_ctl_elem_tlv_read(ctl.get(), id, read, sizeof read), 0);
-    EXPECT_EQ(read[0], 0u);
-    EXPECT_EQ(read[1], 4u);
-    EXPECT_EQ(std::memcmp(&read[2], "\x00\x00\x15\x14", 4), 0);
-
+    // A shorter container rewrites the start of the control and keeps the rest; a longer one
+    // is refused. The caller's tag is journaled.
+    unsigned int shorter[3] = {9, 1, 0xaa};
+    ASSERT_EQ(snd_ctl_elem_tlv_write(ctl.get(), id, shorter), 1);
     unsigned int too_long[4] = {0, 8, 0x01020304, 0x05060708};
     EXPECT_EQ(snd_ctl_elem_tlv_write(ctl.get(), id, too_long), -EINVAL);
-    EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"), (std::vector<uint8_t>{0, 0, 0x15, 0x14}));
+    EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"),
+              (std::vector<uint8_t>{0xaa, 0, 0x15, 0x14}));
+    unsigned int read[3] = {};
+    EXPECT_EQ(snd_ctl_elem_tlv_read(ctl.get(), id, read, 10), 0);
+    EXPECT_EQ(read[1], 2u) << "a small container gets what fits";
 
     // Plain element access is not offered on a TLV-only control, nor TLV on a plain one.
     snd_ctl_elem_value_t *value = nullptr;
@@ -126,7 +128,8 @@ TEST_F(AlsaTest, TlvByteControlsMoveHeaderAndBytesByName)
     EXPECT_LT(snd_ctl_elem_tlv_read(ctl.get(), id, read, sizeof read), 0);
     EXPECT_EQ(journal_lines(),
               (std::vector<std::string>{
-                  "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 15 14"}));
+                  "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 15 14",
+                  "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 9 len 1 = aa"}));
 
     // The plugin enforces access: read-only and unknown controls are refused, to amixer too.
     EXPECT_EQ(write_ints(ctl.get(), "T AMP Active Status", {1}), -EPERM);

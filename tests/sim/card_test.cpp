@@ -119,31 +119,6 @@ TEST_F(CardTest, RegisterMailboxAnswersReadCommandsPerChannel)
     EXPECT_EQ(session.reg(0, 0x2020), 8u);
 }
 
-TEST_F(CardTest, TlvContainersCarryHeaderAndAtMostTheControl)
-{
-    size_t cal_r = index("RCV DSP1 Protection cd CAL_R");
-    preset_bytes(0, "RCV DSP1 Protection cd CAL_R", {0x00, 0x00, 0x15, 0x14});
-    unsigned int tlv[4] = {0xffffffff, 0xffffffff, 0xffffffff, 0xffffffff};
-    ASSERT_EQ(card_->tlv_read(cal_r, tlv, 12), 0);
-    EXPECT_EQ(tlv[0], 0u);
-    EXPECT_EQ(tlv[1], 4u);
-    EXPECT_EQ(std::memcmp(&tlv[2], "\x00\x00\x15\x14", 4), 0);
-    // A container too small for the control gets what fits, and says so in its length.
-    tlv[2] = 0;
-    ASSERT_EQ(card_->tlv_read(cal_r, tlv, 10), 0);
-    EXPECT_EQ(tlv[1], 2u);
-    EXPECT_EQ(card_->tlv_read(cal_r, tlv, 4), -EINVAL);
-
-    unsigned int longer[4] = {0, 5, 0x01010101, 0x01};
-    EXPECT_EQ(card_->tlv_write(cal_r, longer, sizeof longer), -EINVAL);
-    unsigned int shorter[3] = {0, 2, 0xaaaa};
-    EXPECT_EQ(card_->tlv_write(cal_r, shorter, sizeof shorter), 1);
-    EXPECT_EQ(bytes(0, "RCV DSP1 Protection cd CAL_R"),
-              (std::vector<uint8_t>{0xaa, 0xaa, 0x15, 0x14}));
-    EXPECT_EQ(card_->tlv_write(index("T DSP Mode"), shorter, sizeof shorter), -EINVAL);
-    EXPECT_EQ(journal_lines().size(), 1u);
-}
-
 // A model that refuses one value and reports a computed one, as the DSP model will.
 class TestModel : public tvox::sim::Model
 {
