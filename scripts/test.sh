@@ -1,10 +1,20 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the whole test suite: an AddressSanitizer + UndefinedBehaviorSanitizer
-# build of the library, the host stand-ins and the tests, with warnings as errors.
+# Sets everything up and runs the whole test suite:
+#  1. the calibration's concurrency tests in a ThreadSanitizer build;
+#  2. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
+#     host stand-ins and the tests (leak detection on), each test case a CTest test of its own.
+# Both builds treat warnings as errors.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# setup.sh installs the packages and makes the sanitized build the suite runs on.
 scripts/setup.sh build-asan -DTVOXSP_WERROR=ON -DTVOXSP_SANITIZE=address,undefined -DTVOXSP_BENCH=OFF
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
+
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVOXSP_WERROR=ON \
+  -DTVOXSP_SANITIZE=thread -DTVOXSP_BENCH=OFF >/dev/null
+cmake --build build-tsan -j "$(nproc)" --target calibration_concurrency_test
+TSAN_OPTIONS=halt_on_error=1 build-tsan/tests/calibration/calibration_concurrency_test
+
+export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 ctest --test-dir build-asan --output-on-failure -j "$(nproc)" --timeout 300
