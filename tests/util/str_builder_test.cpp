@@ -23,48 +23,32 @@ std::string text_of(const Builder &sb)
     return str_builder_peek(sb.get());
 }
 
-TEST(StrBuilder, RecordAndOperationPointers)
-{
-    auto sb = make_builder(8);
-    ASSERT_NE(sb, nullptr);
-    EXPECT_EQ(sb->capacity, 8u);
-    EXPECT_EQ(sb->length, 0u);
-    EXPECT_EQ(str_builder_peek(sb.get()), sb->buffer); // the buffer itself, not a copy
-    EXPECT_STREQ(sb->buffer, "");
-    sb->add_str(sb.get(), "ab", 0);
-    sb->add_char(sb.get(), 'c');
-    sb->add_int(sb.get(), 7, 10);
-    EXPECT_STREQ(sb->peek(sb.get()), "abc7");
-
-    // A null builder is ignored by every operation.
-    uint64_t len = 7;
-    str_builder_add_str(nullptr, "x", 0);
-    str_builder_add_char(nullptr, 'x');
-    str_builder_add_int(nullptr, 1, 10);
-    str_builder_clear(nullptr);
-    str_builder_truncate(nullptr, 0);
-    str_builder_drop(nullptr, 1);
-    str_builder_destroy(nullptr);
-    EXPECT_EQ(str_builder_len(nullptr), 0u);
-    EXPECT_EQ(str_builder_peek(nullptr), nullptr);
-    EXPECT_EQ(str_builder_dump(nullptr, &len), nullptr);
-    EXPECT_EQ(len, 7u);
-}
-
-TEST(StrBuilder, AppendsTextCharactersAndNumbers)
+TEST(StrBuilder, AppendsThroughTheRecordAndDoublesItsCapacity)
 {
     auto sb = make_builder(4);
-    str_builder_add_str(sb.get(), "abc", 0);
-    str_builder_add_str(sb.get(), "xyz", 2);
-    EXPECT_EQ(text_of(sb), "abcxy");
-    // An explicit length copies exactly that many bytes, even past a NUL.
+    ASSERT_NE(sb, nullptr);
+    EXPECT_EQ(str_builder_peek(sb.get()), sb->buffer); // the buffer itself, not a copy
+    EXPECT_EQ(text_of(sb), "");
+    sb->add_str(sb.get(), "abc", 0);
+    EXPECT_EQ(sb->capacity, 4u);
+    sb->add_char(sb.get(), 'd'); // 4 + NUL no longer fit
+    EXPECT_EQ(sb->capacity, 8u);
+    sb->add_str(sb.get(), "xyz", 2);
+    sb->add_int(sb.get(), 7, 10);
+    EXPECT_STREQ(sb->peek(sb.get()), "abcdxy7");
+    // One append that needs several doublings; an explicit length copies past a NUL.
+    str_builder_add_str(sb.get(), std::string(20, 'x').c_str(), 0);
+    EXPECT_EQ(sb->capacity, 32u);
     str_builder_add_str(sb.get(), "p\0q", 3);
-    EXPECT_EQ(std::string(sb->buffer, sb->length + 1), std::string("abcxyp\0q\0", 9));
+    EXPECT_EQ(std::string(sb->buffer, sb->length + 1),
+              "abcdxy7" + std::string(20, 'x') + std::string("p\0q\0", 4));
+    auto odd = make_builder(3);
+    str_builder_add_str(odd.get(), "abcdefg", 0);
+    EXPECT_EQ(odd->capacity, 12u);
+
     str_builder_clear(sb.get());
     str_builder_add_str(sb.get(), nullptr, 3);
     str_builder_add_str(sb.get(), "", 0);
-    EXPECT_EQ(str_builder_len(sb.get()), 0u);
-
     const struct {
         int32_t value;
         uint32_t base;
@@ -77,24 +61,7 @@ TEST(StrBuilder, AppendsTextCharactersAndNumbers)
     EXPECT_EQ(str_builder_len(sb.get()), text_of(sb).size());
 }
 
-TEST(StrBuilder, CapacityDoublesFromTheCreatedSize)
-{
-    auto sb = make_builder(4);
-    str_builder_add_str(sb.get(), "abc", 0);
-    EXPECT_EQ(sb->capacity, 4u);
-    str_builder_add_char(sb.get(), 'd');
-    EXPECT_EQ(sb->capacity, 8u);
-    // One append that needs several doublings.
-    str_builder_add_str(sb.get(), std::string(20, 'x').c_str(), 0);
-    EXPECT_EQ(sb->capacity, 32u);
-    EXPECT_EQ(text_of(sb), "abcd" + std::string(20, 'x'));
-
-    auto odd = make_builder(3);
-    str_builder_add_str(odd.get(), "abcdefg", 0);
-    EXPECT_EQ(odd->capacity, 12u);
-}
-
-TEST(StrBuilder, ClearTruncateDropAndDump)
+TEST(StrBuilder, TruncateDropDumpAndNullBuilders)
 {
     auto sb = make_builder(16);
     str_builder_add_str(sb.get(), "abcde", 0);
@@ -102,12 +69,8 @@ TEST(StrBuilder, ClearTruncateDropAndDump)
     EXPECT_EQ(text_of(sb), "abcde");
     str_builder_truncate(sb.get(), 3);
     EXPECT_EQ(text_of(sb), "abc");
-    EXPECT_EQ(str_builder_len(sb.get()), 3u);
-
-    str_builder_clear(sb.get());
-    str_builder_add_str(sb.get(), "abcde", 0);
+    str_builder_add_str(sb.get(), "de", 0);
     str_builder_drop(sb.get(), 0);
-    EXPECT_EQ(text_of(sb), "abcde");
     str_builder_drop(sb.get(), 2);
     EXPECT_EQ(text_of(sb), "cde");
     EXPECT_EQ(str_builder_len(sb.get()), 3u);
@@ -118,12 +81,22 @@ TEST(StrBuilder, ClearTruncateDropAndDump)
     EXPECT_NE(copy.get(), sb->buffer);
     EXPECT_STREQ(copy.get(), "cde");
     EXPECT_EQ(len, 3u);
-
     str_builder_drop(sb.get(), 9);
     EXPECT_EQ(text_of(sb), "");
     EXPECT_EQ(sb->capacity, 16u);
-    Text empty(str_builder_dump(sb.get(), nullptr), std::free);
-    EXPECT_STREQ(empty.get(), "");
+    EXPECT_STREQ(Text(str_builder_dump(sb.get(), nullptr), std::free).get(), "");
+
+    str_builder_add_str(nullptr, "x", 0);
+    str_builder_add_char(nullptr, 'x');
+    str_builder_add_int(nullptr, 1, 10);
+    str_builder_clear(nullptr);
+    str_builder_truncate(nullptr, 0);
+    str_builder_drop(nullptr, 1);
+    str_builder_destroy(nullptr);
+    EXPECT_EQ(str_builder_len(nullptr), 0u);
+    EXPECT_EQ(str_builder_peek(nullptr), nullptr);
+    EXPECT_EQ(str_builder_dump(nullptr, &len), nullptr);
+    EXPECT_EQ(len, 3u);
 }
 
 TEST(StrBuilderDeathTest, ZeroCapacityAndOversizeAbort)
@@ -132,7 +105,6 @@ TEST(StrBuilderDeathTest, ZeroCapacityAndOversizeAbort)
     auto sb = make_builder(0);
     EXPECT_STREQ(str_builder_peek(sb.get()), "");
     EXPECT_DEATH(str_builder_add_char(sb.get(), 'a'), "");
-
     auto small = make_builder(4);
     str_builder_add_str(small.get(), "ab", 0);
     EXPECT_DEATH(str_builder_add_str(small.get(), "x", UINT64_MAX), "");
