@@ -47,38 +47,34 @@ TEST_F(ToolTest, RunStartsACommandInsideTheSimulator)
     EXPECT_EQ(tool("run --").status, 2);
 }
 
-TEST_F(ToolTest, ShowAndJournalReportTheState)
+TEST_F(ToolTest, ShowJournalAndInitReportAndResetTheState)
 {
     preset_enum(0, "T PCM Source", "DSP");
     preset_bytes(0, "B DSP1 Protection 5f210 CH_BAL", {0, 0, 0, 3});
+    ASSERT_EQ(amixer(0, "cset name='T DSP Mode' 2").status, 0);
+    const std::string mode_line = "T DSP Mode                                   int              ";
     CommandResult show = tool("show 0");
     EXPECT_EQ(show.status, 0);
-    EXPECT_NE(show.output.find("T PCM Source"), std::string::npos);
-    EXPECT_NE(show.output.find(" DSP\n"), std::string::npos);
-    EXPECT_NE(show.output.find("00 00 00 03\n"), std::string::npos);
-    EXPECT_NE(show.output.find("bytes[4] tlv"), std::string::npos);
+    for (const std::string &part :
+         std::vector<std::string>{" DSP\n", "00 00 00 03\n", "bytes[4] tlv", mode_line + "2\n"})
+        EXPECT_NE(show.output.find(part), std::string::npos) << part;
     EXPECT_EQ(show.output.find("PCM100"), std::string::npos);
     EXPECT_NE(tool("show 100").output.find("bytes[1024] tlv  00 00 00 00 (+1020 zero bytes)"),
               std::string::npos);
-
-    ASSERT_EQ(amixer(0, "cset name='T DSP Mode' 2").status, 0);
     EXPECT_EQ(tool("journal").output, "ctl 0 \"T DSP Mode\" = 2\n");
     EXPECT_EQ(tool("journal --clear").status, 0);
     EXPECT_EQ(tool("journal").output, "");
-}
 
-TEST_F(ToolTest, InitStartsOverAndBadUsageFails)
-{
-    preset_ints(0, "T DSP Mode", {3});
     ASSERT_EQ(amixer(0, "cset name='B DSP Mode' 2").status, 0);
     CommandResult init = tool("init");
     EXPECT_EQ(init.status, 0);
     EXPECT_EQ(init.output, "simulator ready in " + sim_dir() + "\n");
     EXPECT_EQ(tool("journal").output, "");
-    EXPECT_NE(tool("show 0").output.find("T DSP Mode                                   int"
-                                         "              1\n"),
-              std::string::npos);
+    EXPECT_NE(tool("show 0").output.find(mode_line + "1\n"), std::string::npos);
+}
 
+TEST_F(ToolTest, BadUsageFailsWithItsReason)
+{
     const std::pair<const char *, const char *> bad[] = {
         {"", "usage: tvoxsim COMMAND"},
         {"frobnicate", "unknown command \"frobnicate\""},
