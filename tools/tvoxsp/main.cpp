@@ -95,10 +95,10 @@ void print_help(std::FILE *out)
 {
     std::fprintf(out, "usage: tvoxsp <command> [arguments]\n       tvoxsp --help\n\ncommands:\n");
     for (const Command &command : kCommands) {
-        std::fprintf(out, "  %.*s %.*s\n      %.*s\n", static_cast<int>(command.name.size()),
-                     command.name.data(), static_cast<int>(command.usage.size()),
-                     command.usage.data(), static_cast<int>(command.summary.size()),
-                     command.summary.data());
+        std::fprintf(out, "  %.*s%s%.*s\n      %.*s\n", static_cast<int>(command.name.size()),
+                     command.name.data(), command.usage.empty() ? "" : " ",
+                     static_cast<int>(command.usage.size()), command.usage.data(),
+                     static_cast<int>(command.summary.size()), command.summary.data());
     }
     std::fprintf(out, "\nResults are stored under /mnt/vendor/persist/audio/. Messages go to the "
                       "Android log (tags \"AHAL:TERVOX\" and \"AHAL: tervox_qdsp\").\n"
@@ -128,8 +128,9 @@ int main(int argc, char **argv)
     }
     const int status = command->run(args.subspan(1));
     if (status == kUsage)
-        std::fprintf(stderr, "tvoxsp: usage: tvoxsp %.*s %.*s\n",
+        std::fprintf(stderr, "tvoxsp: usage: tvoxsp %.*s%s%.*s\n",
                      static_cast<int>(command->name.size()), command->name.data(),
-                     static_cast<int>(command->usage.size()), command->usage.data());
+                     command->usage.empty() ? "" : " ", static_cast<int>(command->usage.size()),
+                     command->usage.data());
     return status;
 }
