@@ -1,12 +1,14 @@
 #include "support/capture.h"
 
 #include <android/log.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <mutex>
-#include <sstream>
-#include <unistd.h>
 
 namespace tvox::test
 {
@@ -45,10 +47,9 @@ std::vector<LogLine> LogCapture::lines() const
 
 bool LogCapture::contains(const std::string &text, const std::string &tag) const
 {
-    for (const auto &line : lines())
-        if (line.text == text && (tag.empty() || line.tag == tag))
-            return true;
-    return false;
+    return std::ranges::any_of(lines(), [&](const LogLine &line) {
+        return line.text == text && (tag.empty() || line.tag == tag);
+    });
 }
 
 void LogCapture::clear()
@@ -80,9 +81,7 @@ std::string StreamCapture::text() const
 {
     fflush(fd_ == 1 ? stdout : stderr);
     std::ifstream in(path_);
-    std::stringstream contents;
-    contents << in.rdbuf();
-    return contents.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 } // namespace tvox::test

@@ -7,6 +7,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -24,25 +25,19 @@ using tvox::sim::Control;
 using tvox::sim::ControlSlot;
 using tvox::sim::Session;
 
-const Control *lookup(int card, std::string_view name)
+// The named control of the catalogue when it is of the kind asked for; a test failure otherwise.
+const Control *lookup(int card, std::string_view name, bool of_bytes)
 {
     const Control *control = Catalogue::from_env().find(card, name);
-    if (control == nullptr)
-        ADD_FAILURE() << "card " << card << " has no control \"" << name << "\"";
+    if (control == nullptr || control->is_bytes() != of_bytes) {
+        ADD_FAILURE() << "card " << card << " has no " << (of_bytes ? "byte" : "number")
+                      << " control \"" << name << "\"";
+        return nullptr;
+    }
     return control;
 }
 
 } // namespace
-
-std::string SimTest::conf_path()
-{
-    return TVOXSIM_CONF_PATH;
-}
-
-std::string SimTest::tool_path()
-{
-    return TVOXSIM_TOOL_PATH;
-}
 
 SimTest::SimTest() = default;
 SimTest::~SimTest() = default;
@@ -70,37 +65,28 @@ void SimTest::TearDown()
 
 std::vector<long> SimTest::int_values(int card, std::string_view name)
 {
-    const Control *control = lookup(card, name);
+    const Control *control = lookup(card, name, false);
     if (control == nullptr)
         return {};
-    if (control->is_bytes()) {
-        ADD_FAILURE() << "\"" << name << "\" is a byte control";
-        return {};
-    }
     Session session = state_->lock();
-    ControlSlot *slot = session.bind(*control);
-    std::span<const int64_t> values = session.numbers(*slot);
-    return std::vector<long>(values.begin(), values.end());
+    std::span<const int64_t> values = session.numbers(*session.bind(*control));
+    return {values.begin(), values.end()};
 }
 
 std::vector<uint8_t> SimTest::bytes(int card, std::string_view name)
 {
-    const Control *control = lookup(card, name);
+    const Control *control = lookup(card, name, true);
     if (control == nullptr)
         return {};
-    if (!control->is_bytes()) {
-        ADD_FAILURE() << "\"" << name << "\" is not a byte control";
-        return {};
-    }
     Session session = state_->lock();
     std::span<const uint8_t> values = session.bytes(*session.bind(*control));
-    return std::vector<uint8_t>(values.begin(), values.end());
+    return {values.begin(), values.end()};
 }
 
 std::string SimTest::enum_item(int card, std::string_view name, unsigned index)
 {
-    const Control *control = lookup(card, name);
-    std::vector<long> values = int_values(card, name);
+    const Control *control = lookup(card, name, false);
+    const std::vector<long> values = int_values(card, name);
     if (control == nullptr || control->type != tvox::sim::Type::enumerated ||
         index >= values.size()) {
         ADD_FAILURE() << "\"" << name << "\" has no enumerated value " << index;
@@ -111,44 +97,36 @@ std::string SimTest::enum_item(int card, std::string_view name, unsigned index)
 
 void SimTest::preset_ints(int card, std::string_view name, const std::vector<long> &values)
 {
-    const Control *control = lookup(card, name);
-    if (control == nullptr)
-        return;
-    if (control->is_bytes() || values.size() != control->count) {
+    const Control *control = lookup(card, name, false);
+    if (control == nullptr || values.size() != control->count) {
         ADD_FAILURE() << "\"" << name << "\" does not take " << values.size() << " numbers";
         return;
     }
     Session session = state_->lock();
-    std::span<int64_t> stored = session.numbers(*session.bind(*control));
-    std::copy(values.begin(), values.end(), stored.begin());
+    std::ranges::copy(values, session.numbers(*session.bind(*control)).begin());
 }
 
 void SimTest::preset_bytes(int card, std::string_view name, const std::vector<uint8_t> &values)
 {
-    const Control *control = lookup(card, name);
-    if (control == nullptr)
-        return;
-    if (!control->is_bytes() || values.size() > control->count) {
+    const Control *control = lookup(card, name, true);
+    if (control == nullptr || values.size() > control->count) {
         ADD_FAILURE() << "\"" << name << "\" does not take " << values.size() << " bytes";
         return;
     }
     Session session = state_->lock();
     std::span<uint8_t> stored = session.bytes(*session.bind(*control));
-    std::fill(stored.begin(), stored.end(), 0);
-    std::copy(values.begin(), values.end(), stored.begin());
+    std::ranges::fill(stored, 0);
+    std::ranges::copy(values, stored.begin());
 }
 
 void SimTest::preset_enum(int card, std::string_view name, std::string_view item)
 {
-    const Control *control = lookup(card, name);
-    if (control == nullptr)
-        return;
-    int index = control->item_index(item);
-    if (index < 0) {
+    const Control *control = lookup(card, name, false);
+    const int index = control ? control->item_index(item) : -1;
+    if (index < 0)
         ADD_FAILURE() << "\"" << name << "\" has no item \"" << item << "\"";
-        return;
-    }
-    preset_ints(card, name, std::vector<long>(control->count, index));
+    else
+        preset_ints(card, name, std::vector<long>(control->count, index));
 }
 
 std::vector<std::string> SimTest::journal_lines()

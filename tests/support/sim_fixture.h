@@ -60,8 +60,8 @@ class SimTest : public ::testing::Test
     // The shared state of this test's folder (speakers, streams, AGM facts, registers...).
     tvox::sim::State &state() { return *state_; }
     // Paths of the build: the generated ALSA configuration and the tvoxsim tool.
-    static std::string conf_path();
-    static std::string tool_path();
+    static std::string conf_path() { return TVOXSIM_CONF_PATH; }
+    static std::string tool_path() { return TVOXSIM_TOOL_PATH; }
 
     // Stored values: numbers of a boolean/integer control, item indexes of an enumerated one.
     std::vector<long> int_values(int card, std::string_view name);
