@@ -128,8 +128,6 @@ TEST_F(AgmSim, MissingControlsAndItemsAreErrors)
     device_config config{};
     group_config group_conf{};
     EXPECT_EQ(set_agm_device_media_config(mixer_.get(), unknown, &config), -ENOENT);
-    EXPECT_EQ(set_agm_audio_intf_metadata(mixer_.get(), unknown, 1, PLAYBACK, 48000, 16, 1),
-              -ENOENT);
     EXPECT_EQ(set_agm_group_device_config(mixer_.get(), unknown, &group_conf), -ENOENT);
     // Front end 102 does not exist; compressed streams have no controls on this card.
     EXPECT_EQ(set_agm_stream_metadata(mixer_.get(), 102, 1, PLAYBACK, STREAM_PCM, 0), -ENOENT);
@@ -138,8 +136,6 @@ TEST_F(AgmSim, MissingControlsAndItemsAreErrors)
               -ENOENT);
     uint32_t miid = 0;
     EXPECT_EQ(agm_mixer_get_miid(mixer_.get(), 102, backend, STREAM_PCM, mfc_tag, &miid), -ENOENT);
-    EXPECT_EQ(configure_mfc(mixer_.get(), 102, backend, mfc_tag, STREAM_PCM, 48000, 2, 16, 1),
-              -ENOENT);
     // An interface the stream controls do not list.
     EXPECT_EQ(connect_agm_audio_intf_to_stream(mixer_.get(), 100, unknown, STREAM_PCM, true),
               -EINVAL);

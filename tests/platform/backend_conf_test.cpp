@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "support/sim_fixture.h"
 
@@ -18,14 +19,24 @@ struct Conf : tvox::test::SimTest {
         return get_device_media_config(const_cast<char *>(file.c_str()),
                                        const_cast<char *>(name.c_str()), &dev);
     }
-    int group(const std::string &file, const char *name)
+    int group(const std::string &file, const std::string &name)
     {
-        return get_group_device_info(const_cast<char *>(file.c_str()), const_cast<char *>(name),
-                                     &grp);
+        return get_group_device_info(const_cast<char *>(file.c_str()),
+                                     const_cast<char *>(name.c_str()), &grp);
     }
     device_config dev{};
     group_config grp{};
 };
+
+// A record's fields, compared and printed as one value.
+auto fields(const device_config &c)
+{
+    return std::tuple(std::string(c.name), c.rate, c.ch, c.bits, c.format);
+}
+auto fields(const group_config &c)
+{
+    return std::tuple(std::string(c.name), c.rate, c.ch, c.bits, c.slot_mask, c.format);
+}
 
 constexpr const char *conf = R"(<?xml version="1.0" encoding="UTF-8"?>
 <config>
@@ -48,36 +59,28 @@ constexpr const char *conf = R"(<?xml version="1.0" encoding="UTF-8"?>
 TEST_F(Conf, EntriesAreReadByPositionAndTheFirstOfANameWins)
 {
     const std::string file = folder_file("backend_conf.xml", conf);
-    ASSERT_EQ(device(file, "TDM-LPAIF-RX-SECONDARY"), 0);
-    EXPECT_STREQ(dev.name, "TDM-LPAIF-RX-SECONDARY");
-    EXPECT_EQ(dev.rate, 48000u);
-    EXPECT_EQ(dev.ch, 2u);
-    EXPECT_EQ(dev.bits, 32u);
-    EXPECT_EQ(dev.format, PCM_FORMAT_S32_LE);
-    // Attribute names do not matter; without a format the bit width decides.
-    ASSERT_EQ(device(file, "TDM-LPAIF-RX-PRIMARY"), 0);
-    EXPECT_EQ(dev.rate, 44100u);
-    EXPECT_EQ(dev.bits, 24u);
-    EXPECT_EQ(dev.format, PCM_FORMAT_S24_LE);
-    ASSERT_EQ(device(file, "CODEC_DMA-LPAIF_WSA-RX-0"), 0);
-    EXPECT_EQ(dev.format, PCM_FORMAT_S24_3LE);
-    // An unknown format text falls back to the bit width; an unusual width has no format.
-    ASSERT_EQ(device(file, "TDM-LPAIF-RX-QUATERNARY"), 0);
-    EXPECT_EQ(dev.format, PCM_FORMAT_S16_LE);
-    ASSERT_EQ(device(file, "TDM-LPAIF-RX-QUINARY"), 0);
-    EXPECT_EQ(dev.format, PCM_FORMAT_INVALID);
-
-    ASSERT_EQ(group(file, "VIRT-SPK-GROUP"), 0);
-    EXPECT_STREQ(grp.name, "VIRT-SPK-GROUP");
-    EXPECT_EQ(grp.rate, 48000u);
-    EXPECT_EQ(grp.ch, 4u);
-    EXPECT_EQ(grp.bits, 32u);
-    EXPECT_EQ(grp.slot_mask, 15u);
-    EXPECT_EQ(grp.format, PCM_FORMAT_S24_LE);
-    // A group entry of a name that is also a device is found as a group only.
-    ASSERT_EQ(group(file, "TDM-LPAIF-RX-SECONDARY"), 0);
-    EXPECT_EQ(grp.slot_mask, 7u);
-    EXPECT_EQ(grp.format, PCM_FORMAT_S16_LE);
+    // Attribute names do not matter. Without a format, or with an unknown one, the bit width
+    // decides; an unusual width has no format.
+    const device_config devices[] = {
+        {"TDM-LPAIF-RX-SECONDARY", 48000, 2, 32, PCM_FORMAT_S32_LE},
+        {"TDM-LPAIF-RX-PRIMARY", 44100, 1, 24, PCM_FORMAT_S24_LE},
+        {"CODEC_DMA-LPAIF_WSA-RX-0", 48000, 2, 24, PCM_FORMAT_S24_3LE},
+        {"TDM-LPAIF-RX-QUATERNARY", 16000, 4, 16, PCM_FORMAT_S16_LE},
+        {"TDM-LPAIF-RX-QUINARY", 48000, 2, 20, PCM_FORMAT_INVALID},
+    };
+    for (const device_config &expected : devices) {
+        ASSERT_EQ(device(file, expected.name), 0) << expected.name;
+        EXPECT_EQ(fields(dev), fields(expected));
+    }
+    // Group entries are found as groups only, devices of the same name as devices only.
+    const group_config groups[] = {
+        {"VIRT-SPK-GROUP", 48000, 4, 32, 15, PCM_FORMAT_S24_LE},
+        {"TDM-LPAIF-RX-SECONDARY", 96000, 3, 16, 7, PCM_FORMAT_S16_LE},
+    };
+    for (const group_config &expected : groups) {
+        ASSERT_EQ(group(file, expected.name), 0) << expected.name;
+        EXPECT_EQ(fields(grp), fields(expected));
+    }
     EXPECT_EQ(group(file, "TDM-LPAIF-RX-PRIMARY"), -EINVAL);
 }
 

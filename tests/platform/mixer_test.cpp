@@ -92,11 +92,9 @@ TEST_F(MixerSim, ControlsAreListedAndDescribed)
     const unsigned int count = mixer_get_num_ctls(mixer_.get());
     ASSERT_GT(count, 10u);
     EXPECT_EQ(mixer_get_ctl(mixer_.get(), count), nullptr);
-    for (unsigned int i = 0; i < count; i += 7) {
-        // Names are unique on this card, so the lookup by name finds the same control.
-        mixer_ctl *by_index = mixer_get_ctl(mixer_.get(), i);
-        EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), mixer_ctl_get_name(by_index)), by_index);
-    }
+    // Names are unique on this card, so the lookup by name finds the same control.
+    mixer_ctl *last = mixer_get_ctl(mixer_.get(), count - 1);
+    EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), mixer_ctl_get_name(last)), last);
     EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), "T PCM Sourc"), nullptr);
     EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), nullptr), nullptr);
 
