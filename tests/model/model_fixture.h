@@ -6,7 +6,6 @@
 #include "dsp_model.h"
 #include "state.h"
 #include "support/mixer.h"
-#include "support/sim_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -26,31 +25,13 @@ inline int32_t expected_raw(double ohms)
 }
 
 // Helpers are public: free functions of the tests read whole groups of controls through them.
-class ModelTest : public SimTest
+class ModelTest : public MixerSimTest<0>
 {
   public:
     static constexpr auto kSettle = std::chrono::nanoseconds(tvox::sim::dsp::kSettleNs);
     static constexpr auto kMargin = std::chrono::milliseconds(150);
     static constexpr int64_t kSecond = 1'000'000'000;
 
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        mixer_.reset(mixer_open(0));
-        ASSERT_TRUE(mixer_) << "card 0 of the simulator does not open";
-    }
-    void TearDown() override
-    {
-        mixer_.reset();
-        SimTest::TearDown();
-    }
-
-    mixer_ctl *ctl(const std::string &name)
-    {
-        mixer_ctl *control = mixer_get_ctl_by_name(mixer_.get(), name.c_str());
-        EXPECT_NE(control, nullptr) << name;
-        return control;
-    }
     void set(const std::string &name, int value)
     {
         EXPECT_EQ(mixer_ctl_set_value(ctl(name), 0, value), 0) << name;
@@ -87,9 +68,6 @@ class ModelTest : public SimTest
     }
 
     static void wait_settled() { std::this_thread::sleep_for(kSettle + kMargin); }
-
-  private:
-    Mixer mixer_;
 };
 
 } // namespace tvox::test

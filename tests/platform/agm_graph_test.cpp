@@ -12,7 +12,6 @@
 #include "agm_graph.h"
 #include "state.h"
 #include "support/mixer.h"
-#include "support/sim_fixture.h"
 
 namespace
 {
@@ -22,20 +21,9 @@ char group[] = "VIRT-SPK-GROUP";
 constexpr uint32_t mfc_tag = 0xC0000019;
 using Words = std::vector<uint32_t>;
 
-class AgmSim : public tvox::test::SimTest
+class AgmSim : public tvox::test::MixerSimTest<100>
 {
   protected:
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        mixer_.reset(mixer_open(100));
-        ASSERT_NE(mixer_, nullptr);
-    }
-    void TearDown() override
-    {
-        mixer_.reset();
-        SimTest::TearDown();
-    }
     // The first `count` little-endian words of a byte control.
     Words words(const std::string &control, size_t count)
     {
@@ -46,7 +34,6 @@ class AgmSim : public tvox::test::SimTest
                              static_cast<uint32_t>(data[4 * i + 3]) << 24);
         return result;
     }
-    tvox::test::Mixer mixer_;
 };
 
 TEST_F(AgmSim, MediaConfigMetadataAndGroupsAreWritten)

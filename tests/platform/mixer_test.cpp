@@ -13,7 +13,6 @@
 
 #include "state.h"
 #include "support/mixer.h"
-#include "support/sim_fixture.h"
 
 namespace
 {
@@ -26,33 +25,13 @@ constexpr const char *source = "T PCM Source";
 constexpr const char *plain_bytes = "T DSP1 Protection 5f210 CH_BAL";
 constexpr const char *tlv_bytes = "T DSP1 Protection cd RTLOG_VARIABLE";
 
-class MixerSim : public tvox::test::SimTest
-{
-  protected:
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        mixer_.reset(mixer_open(0));
-        ASSERT_NE(mixer_, nullptr);
-    }
-    void TearDown() override
-    {
-        mixer_.reset();
-        SimTest::TearDown();
-    }
-    mixer_ctl *ctl(const char *name)
-    {
-        mixer_ctl *found = mixer_get_ctl_by_name(mixer_.get(), name);
-        EXPECT_NE(found, nullptr) << name;
-        return found;
-    }
-    void amixer_set(const char *name, const char *values)
-    {
-        ASSERT_EQ(amixer(0, std::string("cset name='") + name + "' " + values).status, 0) << name;
-    }
+using MixerSim = tvox::test::MixerSimTest<0>;
 
-    Mixer mixer_;
-};
+void amixer_set(const char *name, const char *values)
+{
+    ASSERT_EQ(MixerSim::amixer(0, std::string("cset name='") + name + "' " + values).status, 0)
+        << name;
+}
 
 TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
 {
