@@ -17,11 +17,20 @@ namespace
 constexpr uint32_t kStreamInputTag = 0xC0000001;
 constexpr uint32_t kDeviceEndpointTag = 0xC0000004;
 
+// The interface's item number in "PCM<dev> control" (0 when it has none): fixed by the catalogue.
+uint32_t interface_number(int device, std::string_view interface)
+{
+    const std::string name = "PCM" + std::to_string(device) + " control";
+    const Control *control = Catalogue::from_env().find(kAgmCard, name);
+    const int item = control ? control->item_index(interface) : -1;
+    return item > 0 ? static_cast<uint32_t>(item) : 0;
+}
+
 // Instance ids are unique per front end, interface and module position in the graph.
-uint32_t module_miid(int device, int interface_index, uint32_t position)
+uint32_t module_miid(int device, std::string_view interface, uint32_t position)
 {
     return 0x4000 + static_cast<uint32_t>(device % 256) * 0x100 +
-           static_cast<uint32_t>(interface_index) * 0x10 + position;
+           interface_number(device, interface) * 0x10 + position;
 }
 
 struct FrontEndControl {
@@ -83,10 +92,10 @@ void fill_tagged_info(Session &session, int device, std::span<uint8_t> out)
 
     std::array<std::pair<uint32_t, uint32_t>, 3> tags{};
     size_t count = 0;
-    tags[count++] = {kStreamInputTag, module_miid(device, index, 1)};
+    tags[count++] = {kStreamInputTag, module_miid(device, intf, 1)};
     if (!session.interface_at(index).no_mfc)
-        tags[count++] = {kMfcTag, mfc_miid(device, index)};
-    tags[count++] = {kDeviceEndpointTag, module_miid(device, index, 3)};
+        tags[count++] = {kMfcTag, mfc_miid(device, intf)};
+    tags[count++] = {kDeviceEndpointTag, module_miid(device, intf, 3)};
     if (out.size() < (1 + 2 * count) * 4)
         return;
     put_le32(out, 0, static_cast<uint32_t>(count));
@@ -98,9 +107,9 @@ void fill_tagged_info(Session &session, int device, std::span<uint8_t> out)
 
 } // namespace
 
-uint32_t mfc_miid(int device, int interface_index)
+uint32_t mfc_miid(int device, std::string_view interface)
 {
-    return module_miid(device, interface_index, 2);
+    return module_miid(device, interface, 2);
 }
 
 int on_write(Session &session, const Control &control, Value value)

@@ -21,8 +21,9 @@ namespace tvox::sim::agm
 inline constexpr int kAgmCard = 100;
 inline constexpr uint32_t kMfcTag = 0xC0000019;
 
-// Module instance id of the MFC in the graph of front end `device` and interface `index`.
-uint32_t mfc_miid(int device, int interface_index);
+// Module instance id of the MFC in the graph of front end `device` and back end `interface`. Ids
+// depend only on the names, never on the order in which back ends were first used.
+uint32_t mfc_miid(int device, std::string_view interface);
 
 // Call from Model::on_write and Model::on_read for every control; they act on card-100 front-end
 // controls only. on_write returns 0 or a negative errno (a connect to an interface the state has

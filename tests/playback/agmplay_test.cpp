@@ -111,9 +111,9 @@ TEST_F(AgmplayTest, BuildsEachBackendsGraphPlaysAndDisconnects)
     EXPECT_EQ(int_values(100, "TDM-LPAIF-RX-SECONDARY rate ch fmt"),
               (std::vector<long>{48000, 2, 32, PCM_FORMAT_S32_LE}));
     // The last graph's MFC (the group back end's) got the back end's media config.
-    const int group = state().lock().interface("VIRT-SPK-GROUP", false);
-    EXPECT_EQ(words("PCM100 setParam", 4),
-              (std::vector<uint32_t>{tvox::sim::agm::mfc_miid(100, group), 48000, 2, 32}));
+    EXPECT_EQ(
+        words("PCM100 setParam", 4),
+        (std::vector<uint32_t>{tvox::sim::agm::mfc_miid(100, "VIRT-SPK-GROUP"), 48000, 2, 32}));
     EXPECT_EQ(words("VIRT-SPK-GROUP group config", 4), (std::vector<uint32_t>{48000, 2, 32, 3}));
     EXPECT_EQ(words("PCM100 group mux config", 2), (std::vector<uint32_t>{2, 3}));
 }
