@@ -1,6 +1,6 @@
 // Drives the virtual amplifiers' DSP model the way the library does: control writes and reads
 // through tinyalsa on card 0 (so through the ALSA control plugin and its copy of the model), and
-// streams either played through the sink or set up in the shared state as the sink records them.
+// streams set up in the shared state as the sink records them.
 #pragma once
 
 #include "dsp_model.h"
@@ -28,17 +28,11 @@ inline int32_t expected_raw(double ohms)
 class ModelTest : public MixerSimTest<0>
 {
   public:
-    static constexpr auto kSettle = std::chrono::nanoseconds(tvox::sim::dsp::kSettleNs);
-    static constexpr auto kMargin = std::chrono::milliseconds(150);
     static constexpr int64_t kSecond = 1'000'000'000;
 
     void set(const std::string &name, int value)
     {
         EXPECT_EQ(mixer_ctl_set_value(ctl(name), 0, value), 0) << name;
-    }
-    void set_enum(const std::string &name, const char *item)
-    {
-        EXPECT_EQ(mixer_ctl_set_enum_by_string(ctl(name), item), 0) << name;
     }
     int get(const std::string &name) { return mixer_ctl_get_value(ctl(name), 0); }
 
@@ -52,22 +46,20 @@ class ModelTest : public MixerSimTest<0>
         return static_cast<int32_t>((value & 0x1FFFFFF) << 7) >> 7;
     }
 
-    // Amplifier on and fed by the DSP, as the calibration path sets it, then calibration mode.
-    void path_to_dsp(const std::string &channel)
-    {
-        set_enum(channel + " PCM Source", "DSP");
-        set(channel + " AMP Enable Switch", 1);
-    }
-    void calibration_mode(const std::string &channel) { set(channel + " DSP Mode", 2); }
+    // Amplifiers on and fed by the DSP, as the calibration path sets them, then calibration mode.
     void calibrate_both()
     {
-        for (const char *channel : {"T", "B"}) {
-            path_to_dsp(channel);
-            calibration_mode(channel);
+        for (const std::string channel : {"T", "B"}) {
+            EXPECT_EQ(mixer_ctl_set_enum_by_string(ctl(channel + " PCM Source"), "DSP"), 0);
+            set(channel + " AMP Enable Switch", 1);
+            set(channel + " DSP Mode", 2);
         }
     }
-
-    static void wait_settled() { std::this_thread::sleep_for(kSettle + kMargin); }
+    static void wait_settled()
+    {
+        std::this_thread::sleep_for(std::chrono::nanoseconds(tvox::sim::dsp::kSettleNs) +
+                                    std::chrono::milliseconds(150));
+    }
 };
 
 } // namespace tvox::test
