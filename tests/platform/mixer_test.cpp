@@ -11,13 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "state.h"
 #include "support/mixer.h"
 
 namespace
 {
-
-using tvox::test::Mixer;
 
 constexpr const char *stereo_switch = "SPK AMP Enable Switch";
 constexpr const char *stereo_volume = "SPK Digital PCM Volume";
@@ -44,11 +41,7 @@ TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
     EXPECT_EQ(amixer_values(0, source), "2");
     const uint8_t data[] = {0x12, 0x34, 0xab, 0xff};
     ASSERT_EQ(mixer_ctl_set_array(ctl(plain_bytes), data, sizeof data), 0);
-    ASSERT_EQ(mixer_ctl_set_value(ctl(plain_bytes), 2, 0x5c), 0);
-    EXPECT_EQ(amixer_values(0, plain_bytes), "0x12,0x34,0x5c,0xff");
-    // A shorter array replaces the whole value: the bytes past it become 0.
-    ASSERT_EQ(mixer_ctl_set_array(ctl(plain_bytes), data, 2), 0);
-    EXPECT_EQ(bytes(0, plain_bytes), (std::vector<uint8_t>{0x12, 0x34, 0, 0}));
+    EXPECT_EQ(amixer_values(0, plain_bytes), "0x12,0x34,0xab,0xff");
 
     amixer_set(stereo_switch, "on,off");
     EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_switch), 0), 1);
@@ -60,50 +53,38 @@ TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
     amixer_set(source, "Zero");
     EXPECT_EQ(mixer_ctl_get_value(ctl(source), 0), 3);
     amixer_set(plain_bytes, "0x01,0x80,0x7f,0xfe");
-    EXPECT_EQ(mixer_ctl_get_value(ctl(plain_bytes), 1), 0x80);
     uint8_t read[4] = {};
     ASSERT_EQ(mixer_ctl_get_array(ctl(plain_bytes), read, 3), 0);
     EXPECT_EQ(std::vector<uint8_t>(read, read + 4), (std::vector<uint8_t>{1, 0x80, 0x7f, 0}));
 }
 
-TEST_F(MixerSim, ControlsAreListedAndDescribed)
+TEST_F(MixerSim, ControlsAreDescribedAndWhatDoesNotExistIsNotFound)
 {
     const unsigned int count = mixer_get_num_ctls(mixer_.get());
     ASSERT_GT(count, 10u);
     EXPECT_EQ(mixer_get_ctl(mixer_.get(), count), nullptr);
-    // Names are unique on this card, so the lookup by name finds the same control.
-    mixer_ctl *last = mixer_get_ctl(mixer_.get(), count - 1);
-    EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), mixer_ctl_get_name(last)), last);
     EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), "T PCM Sourc"), nullptr);
-    EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), nullptr), nullptr);
-
-    EXPECT_STREQ(mixer_ctl_get_type_string(ctl(stereo_switch)), "BOOL");
+    EXPECT_EQ(mixer_ctl_get_type(ctl(stereo_switch)), MIXER_CTL_TYPE_BOOL);
     EXPECT_EQ(mixer_ctl_get_num_values(ctl(stereo_switch)), 2u);
-    EXPECT_EQ(mixer_ctl_get_range_max(ctl(stereo_volume)), 913);
-    EXPECT_EQ(mixer_ctl_get_range_max(ctl(source)), -EINVAL);
-    EXPECT_EQ(mixer_ctl_get_num_enums(ctl(source)), 4u);
     EXPECT_STREQ(mixer_ctl_get_enum_string(ctl(source), 3), "Zero");
     EXPECT_EQ(mixer_ctl_get_enum_string(ctl(source), 4), nullptr);
-    EXPECT_EQ(mixer_ctl_get_type(ctl(plain_bytes)), MIXER_CTL_TYPE_BYTE);
     EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(plain_bytes)), 0);
     EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(tlv_bytes)), 1);
-    EXPECT_EQ(mixer_ctl_get_type(nullptr), MIXER_CTL_TYPE_UNKNOWN);
+
+    EXPECT_EQ(mixer_open(42), nullptr); // hw:42
+    setenv("TINYALSA_CARD_42", "tvoxabsent", 1);
+    EXPECT_EQ(mixer_open(42), nullptr);
+    mixer_close(nullptr);
 }
 
 TEST_F(MixerSim, RefusedCallsChangeNothing)
 {
-    clear_journal();
-    EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_volume), 2), -EINVAL);
     EXPECT_EQ(mixer_ctl_set_value(ctl(stereo_volume), 2, 1), -EINVAL);
     EXPECT_EQ(mixer_ctl_set_enum_by_string(ctl(source), "Dsp"), -EINVAL);
-    EXPECT_EQ(mixer_ctl_set_enum_by_string(ctl(stereo_volume), "DSP"), -EINVAL);
     const int three[3] = {1, 2, 3};
     EXPECT_EQ(mixer_ctl_set_array(ctl(stereo_volume), three, 3), -EINVAL);
-    EXPECT_EQ(mixer_ctl_set_array(ctl(source), three, 1), -EINVAL);
     const uint8_t five[5] = {1, 2, 3, 4, 5};
     EXPECT_EQ(mixer_ctl_set_array(ctl(plain_bytes), five, 5), -EINVAL);
-    uint8_t out[5] = {};
-    EXPECT_EQ(mixer_ctl_get_array(ctl(plain_bytes), out, 5), -EINVAL);
     // The card's own refusals (past the range, an item that does not exist, a read-only
     // control) come back as errors too.
     EXPECT_LT(mixer_ctl_set_value(ctl(stereo_volume), 0, 914), 0);
@@ -132,10 +113,6 @@ TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
     const std::vector<uint8_t> sent = container(16, payload);
     ASSERT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), sent.data(), sent.size()), 0);
     EXPECT_EQ(bytes(0, tlv_bytes), payload);
-    ASSERT_EQ(journal_lines().size(), 1u);
-    EXPECT_EQ(journal_lines()[0].rfind(
-                  "tlv 0 \"" + std::string(tlv_bytes) + "\" tag 0 len 16 = f0 ef", 0),
-              0u);
     std::vector<uint8_t> read(8 + 16);
     ASSERT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), read.data(), read.size()), 0);
     EXPECT_EQ(read, sent);
@@ -149,24 +126,10 @@ TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
     clear_journal();
     std::vector<uint8_t> oversized = container(16, std::vector<uint8_t>(17, 0x11));
     EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), oversized.size()), -EINVAL);
-    EXPECT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), oversized.data(), oversized.size()), -EINVAL);
     const std::vector<uint8_t> overlong = container(12, std::vector<uint8_t>(8, 0x11));
     EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), overlong.data(), overlong.size()), -EINVAL);
-    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), overlong.data(), 7), -EINVAL);
     EXPECT_EQ(bytes(0, tlv_bytes), payload);
     EXPECT_EQ(journal_lines(), std::vector<std::string>{});
-}
-
-TEST_F(MixerSim, MissingCardsDoNotOpen)
-{
-    EXPECT_EQ(mixer_open(42), nullptr); // hw:42
-    setenv("TINYALSA_CARD_42", "tvoxabsent", 1);
-    EXPECT_EQ(mixer_open(42), nullptr);
-    Mixer agm(mixer_open(100));
-    ASSERT_NE(agm, nullptr);
-    EXPECT_NE(mixer_get_ctl_by_name(agm.get(), "PCM100 connect"), nullptr);
-    EXPECT_EQ(mixer_get_ctl_by_name(agm.get(), stereo_switch), nullptr);
-    mixer_close(nullptr);
 }
 
 } // namespace
