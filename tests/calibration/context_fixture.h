@@ -134,21 +134,14 @@ class SimContextTest : public ContextFixture<SimTest>
                          tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
                          double f0_hz = 800)
     {
-        tvox::sim::Session session = state().lock();
-        session.speaker(channel) = {tvox::cal_r_ohms(raw), f0_hz, fault, 0};
+        set_speaker(channel, tvox::cal_r_ohms(raw), fault, f0_hz);
     }
 
     // A silent stream on card 0 as the sink records it, running since `ago` before now.
     void record_silence(std::chrono::nanoseconds ago, bool running = true)
     {
-        tvox::sim::Session session = state().lock();
-        tvox::sim::PcmRecord *record = session.stream(0, 0, true);
-        ASSERT_NE(record, nullptr);
-        record->running = running;
-        record->start_time_ns = tvox::sim::now_ns() - ago.count();
-        record->stop_time_ns = running ? 0 : tvox::sim::now_ns();
-        record->peak = 0.0;
-        record->starts++;
+        const int64_t now = tvox::sim::now_ns();
+        record_stream(now - ago.count(), running ? 0 : now, 0.0);
     }
 
     // A calibration run by the firmware alone, so that tests of reading it back start from a

@@ -11,8 +11,6 @@
 namespace
 {
 
-using tvox::test::LogCapture;
-using tvox::test::tervox_lines;
 using tvox::test::words_bytes;
 using tvox::test::write_file;
 
@@ -52,14 +50,6 @@ TEST_F(ResultsTest, StatusOneOrThreePassesAndFailuresShiftCumulatively)
         EXPECT_EQ(check(), 8);
         records_[1].status = 1;
     }
-    LogCapture log;
-    records_[1] = {5, 0, -3, 0, 0, 0};
-    ctx_.cal_r_range[1] = {0, 0};
-    EXPECT_EQ(check(), 8);
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_ERROR),
-              (std::vector<std::string>{
-                  "tervox_cal_check: Channel[0] CAL_R = 9000, STATUS = 4, Failed!\n",
-                  "tervox_cal_check: Channel[1] CAL_R = -3, STATUS = 5, Failed!\n"}));
 }
 
 TEST_F(ResultsTest, RangeIsInclusiveSkippedWithAZeroBoundAndOverridesThePattern)
@@ -70,20 +60,14 @@ TEST_F(ResultsTest, RangeIsInclusiveSkippedWithAZeroBoundAndOverridesThePattern)
     records_[0].cal_r = 12000;
     records_[1].cal_r = 6500;
     EXPECT_EQ(check(), 0);
-    LogCapture log;
     records_[0].cal_r = 7999;
     EXPECT_EQ(check(), 16);
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_ERROR),
-              std::vector<std::string>{
-                  "tervox_cal_check: Channel[0] CAL_R = 7999, out of range[8000 - 12000]!\n"});
     // A later channel in range does not undo it; a negative code compares as a huge one.
     records_[1].cal_r = -1;
     records_[0] = {0, 0, 9000, 2, 0, 0};
     EXPECT_EQ(check(1), 2);
     EXPECT_EQ(check(), 16); // bad status on channel 0, channel 1 out of range
     ctx_.cal_r_range[1].min = 0;
-    EXPECT_EQ(check(), 2);
-    ctx_.cal_r_range[1] = {6500, 0};
     EXPECT_EQ(check(), 2);
 
     for (auto &record : records_)
@@ -98,12 +82,8 @@ TEST_F(ResultsTest, DiagnosticCheckPassesOnlyOnF0StatusTwo)
     records_[0].status = 0; // status and range do not matter to it
     records_[1].cal_r = 1;
     EXPECT_EQ(diag_check(), 0);
-    LogCapture log;
     records_[1].f0_status = 0;
-    records_[1].f0 = 812;
     EXPECT_EQ(diag_check(), 4);
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_INFO),
-              std::vector<std::string>{"tervox_cal_diag_check:channel[1] f0 = 812, Failed!\n"});
     records_[0].f0_status = 3;
     EXPECT_EQ(diag_check(), 8);
     EXPECT_EQ(diag_check(1), 2);
@@ -132,39 +112,24 @@ TEST_F(ResultsTest, ResultsConvertCalRToOhmsAndPassF0Through)
     EXPECT_DEATH(tervox_cal_f0_get_result(many_f0, 9), "");
 }
 
+// The measured value is the single-precision one the HAL reads (2049 rounds up only so); stored
+// words pad to five places and convert unsigned; a missing file reads as zeros.
 TEST_F(ResultsTest, ReportShowsMeasuredBesideStoredValues)
 {
-    ctx_.cal[0].cal_r = 8391;
-    ctx_.cal[1].cal_r = 8391;
-    write_file(bin_, words_bytes({8391, 8391}));
-    LogCapture log;
     char out[512];
     std::memset(out, 'x', sizeof out);
-    const std::string lines = line(0, "6.00", " 8391(6.00)") + line(1, "6.00", " 8391(6.00)");
-    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), static_cast<int32_t>(lines.size()));
-    EXPECT_EQ(std::string(out), lines + "calibration success\n");
-    EXPECT_EQ(out[sizeof out - 1], '\0'); // the whole buffer is cleared
-    EXPECT_TRUE(log.contains("tervox_cal_str_format_out: \n " + lines + "calibration success\n",
-                             "AHAL:TERVOX"));
-
-    // The measured value is the single-precision one the HAL reads (2049 rounds up only so);
-    // stored words pad to five places and convert unsigned.
     write_file(bin_, words_bytes({700, 0xFFFFFFFFu}));
     ctx_.cal[0].cal_r = 2049;
     ctx_.cal[1].cal_r = -8192;
-    tervox_cal_str_format_out(out, sizeof out);
-    EXPECT_EQ(std::string(out), line(0, "1.47", "  700(0.50)") +
-                                    line(1, "-5.86", "   -1(3070828.22)") +
-                                    "calibration success\n");
-
+    const std::string lines =
+        line(0, "1.47", "  700(0.50)") + line(1, "-5.86", "   -1(3070828.22)");
+    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), static_cast<int32_t>(lines.size()));
+    EXPECT_EQ(std::string(out), lines + "calibration success\n");
+    EXPECT_EQ(out[sizeof out - 1], '\0'); // the whole buffer is cleared
     std::filesystem::remove(bin_);
-    tervox_cal_str_format_out(out, sizeof out); // a missing file reads as zeros
+    tervox_cal_str_format_out(out, sizeof out);
     EXPECT_EQ(std::string(out), line(0, "1.47", "    0(0.00)") + line(1, "-5.86", "    0(0.00)") +
                                     "calibration success\n");
-    ctx_.cal_ok = 0;
-    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), 0);
-    EXPECT_EQ(std::string(out), "calibration failed\n");
-    ctx_.cal_ok = 1;
     ctx_.num_channels = 3;
     EXPECT_DEATH(tervox_cal_str_format_out(out, sizeof out), ""); // two channels are foreseen
 }

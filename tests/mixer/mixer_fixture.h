@@ -1,9 +1,8 @@
 // The virtual amplifier card with an open mixer of card 0, and helpers shared by the mixer tests.
 #pragma once
 
-#include "mixer/mixer_handle.h"
 #include "support/capture.h"
-#include "support/sim_fixture.h"
+#include "support/mixer.h"
 #include "tvoxsp/mixer.h"
 
 #include <cstdlib>
@@ -28,20 +27,13 @@ inline void break_card()
     setenv("TINYALSA_CARD_0", "tvoxsim:42", 1);
 }
 
-class MixerTest : public SimTest
+class MixerTest : public MixerSimTest<0>
 {
   protected:
     void SetUp() override
     {
-        SimTest::SetUp();
-        mixer_ = tvox::open_mixer();
-        ASSERT_TRUE(mixer_) << "card 0 of the simulator does not open";
+        MixerSimTest<0>::SetUp();
         reset_mixer_calls();
-    }
-    void TearDown() override
-    {
-        mixer_.reset();
-        SimTest::TearDown();
     }
 
     struct mixer *mixer() { return mixer_.get(); }
@@ -90,9 +82,6 @@ class MixerTest : public SimTest
 
     std::string err_;
     std::string out_;
-
-  private:
-    tvox::MixerHandle mixer_;
 };
 
 } // namespace tvox::test

@@ -10,10 +10,8 @@
 #include "phone.h"
 #include "state.h"
 
-#include <dirent.h>
-#include <sys/types.h>
-
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -27,12 +25,10 @@ struct WavLayout {
     uint32_t rate = 48000;
     uint16_t bits = 16;
     uint32_t frames = 480;
-    uint32_t fmt_size = 16;  // bytes beyond 16 are zero padding
-    bool list_chunk = false; // a "LIST" chunk between "fmt " and "data"
-    bool data_chunk = true;  // false: no "data" chunk at all
-    std::optional<uint32_t> data_size =
-        std::nullopt;            // what the "data" header claims (default: the samples)
-    uint32_t trailing_bytes = 0; // bytes after the samples
+    uint32_t fmt_size = 16;                 // bytes beyond 16 are zero padding
+    bool list_chunk = false;                // a "LIST" chunk between "fmt " and "data"
+    bool data_chunk = true;                 // false: no "data" chunk at all
+    std::optional<uint32_t> data_size = {}; // what the "data" header claims (default: the samples)
     std::string riff = "RIFF";
     std::string wave = "WAVE";
 
@@ -47,15 +43,9 @@ struct Played {
 };
 
 // Descriptors this process has open (to show that a call leaves none behind).
-inline int open_descriptors()
+inline auto open_descriptors()
 {
-    int count = 0;
-    DIR *dir = opendir("/proc/self/fd");
-    while (dir && readdir(dir))
-        ++count;
-    if (dir)
-        closedir(dir);
-    return count;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 inline constexpr const char *kBackend = "TDM-LPAIF-RX-SECONDARY";
@@ -66,7 +56,7 @@ class PlaybackTest : public SimTest
     void SetUp() override
     {
         SimTest::SetUp();
-        ASSERT_EQ(tvox::sim::install_phone(sim_dir()), 0);
+        install_phone();
     }
 
     // Writes a WAV file into the simulator folder and returns its path. Every sample is half of
@@ -85,7 +75,6 @@ class PlaybackTest : public SimTest
             body += "data" + le(layout.data_size.value_or(layout.sample_bytes()), 4);
         for (uint32_t i = 0; i < layout.frames * layout.channels; ++i)
             body += std::string(width - 1, '\0') + '\x40';
-        body.append(layout.trailing_bytes, '\0');
 
         const std::string path = sim_dir() + "/" + name;
         std::ofstream(path, std::ios::binary) << layout.riff << le(body.size(), 4) << body;

@@ -36,13 +36,6 @@ TEST_F(TplayTest, DeviceLimitsArePrintedAndNothingPlays)
     EXPECT_FALSE(stream(0, 0));
     EXPECT_EQ(open_descriptors(), descriptors);
 
-    struct pcm_params *params = pcm_params_get(0, 0, PCM_OUT);
-    ASSERT_NE(params, nullptr);
-    played = play([&] { return check_param(params, PCM_PARAM_CHANNELS, 0, "Sample", " ch"); });
-    EXPECT_EQ(played.result, 0);
-    EXPECT_EQ(played.err, "Sample is 0 ch, device only supports >= 1 ch\n");
-    EXPECT_EQ(check_param(params, PCM_PARAM_CHANNELS, 8, "", ""), 1);
-    pcm_params_free(params);
     EXPECT_EQ(sample_is_playable(0, 0, 2, 48000, 16, 1024, 4), 1);
 
     // No such device: the card number maps to a card the sink does not serve.
