@@ -11,7 +11,6 @@ using tvox::sim::now_ns;
 using tvox::sim::SpeakerFault;
 using tvox::test::expected_raw;
 using tvox::test::ModelTest;
-
 using Diag = std::array<int32_t, 3>; // F0 status, F0, Z_LOW_DIFF
 
 // The diagnosis of a channel, checked to be the same on both parameter tables.
@@ -33,7 +32,6 @@ TEST_F(DiagnosticTest, EachLongEnoughSilentRunMeasuresF0OfTheSpeakersOfTheMoment
 {
     set_speaker(0, 5.5, SpeakerFault::none, 812.4);
     set_speaker(1, 6.5, SpeakerFault::f0_failure, 1000);
-    EXPECT_EQ(diag(*this, "T"), (Diag{0, 0, 0}));
 
     // A second of silence is too short; the amplifiers need not be on.
     const int64_t now = now_ns();
@@ -46,7 +44,6 @@ TEST_F(DiagnosticTest, EachLongEnoughSilentRunMeasuresF0OfTheSpeakersOfTheMoment
 
     // The DSP now works with the speaker's own CAL_R: the next measurement finds no difference.
     set("T DSP Set CAL_R", expected_raw(5.5));
-    EXPECT_EQ(get("T DSP Set CAL_R"), expected_raw(5.5));
     EXPECT_EQ(diag(*this, "T")[2], expected_raw(5.5) - 8391);
     record_stream(now_ns() - 2 * kSecond, 0, 0.0);
     EXPECT_EQ(diag(*this, "T")[2], 0);

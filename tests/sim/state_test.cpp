@@ -108,13 +108,13 @@ TEST_F(StateTest, ConcurrentProcessesNeitherLoseUpdatesNorTearJournalLines)
     }
     EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"),
               (std::vector<long>{817 + 2 * kRounds, 817 + 2 * kRounds}));
-    const std::vector<std::string> lines = journal_lines();
-    EXPECT_EQ(lines.size(), 2u * kWrites);
     // Whole lines only, each one a write of one of the two processes.
     std::set<std::string> whole;
     for (const std::string x : {"T", "B"})
         for (int i = 0; i < 100; ++i)
             whole.insert("ctl 0 \"" + x + " DSP Set CAL_AMBIENT\" = " + std::to_string(i));
+    const std::vector<std::string> lines = journal_lines();
+    EXPECT_EQ(lines.size(), 2u * kWrites);
     for (const std::string &text : lines)
         EXPECT_TRUE(whole.contains(text)) << text;
     EXPECT_EQ(int_values(0, "T DSP Set CAL_AMBIENT"), (std::vector<long>{(kWrites - 1) % 100}));

@@ -1,5 +1,4 @@
-// A tinyalsa mixer that closes itself, and a simulator test with one open (tests that include
-// this link tinyalsa).
+// A tinyalsa mixer that closes itself, and a simulator test with one open (link tinyalsa).
 #pragma once
 
 #include "support/sim_fixture.h"

@@ -6,6 +6,7 @@
 #include "state.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -22,7 +23,6 @@ namespace
 
 using tvox::sim::Catalogue;
 using tvox::sim::Control;
-using tvox::sim::ControlSlot;
 using tvox::sim::Session;
 
 // The named control of the catalogue when it is of the kind asked for; a test failure otherwise.
@@ -30,8 +30,8 @@ const Control *lookup(int card, std::string_view name, bool of_bytes)
 {
     const Control *control = Catalogue::from_env().find(card, name);
     if (control == nullptr || control->is_bytes() != of_bytes) {
-        ADD_FAILURE() << "card " << card << " has no " << (of_bytes ? "byte" : "number")
-                      << " control \"" << name << "\"";
+        ADD_FAILURE() << "no " << (of_bytes ? "byte" : "number") << " control " << name
+                      << " on card " << card;
         return nullptr;
     }
     return control;
@@ -85,8 +85,8 @@ std::vector<uint8_t> SimTest::bytes(int card, std::string_view name)
 
 std::string SimTest::enum_item(int card, std::string_view name, unsigned index)
 {
-    const Control *control = lookup(card, name, false);
     const std::vector<long> values = int_values(card, name);
+    const Control *control = Catalogue::from_env().find(card, name);
     if (control == nullptr || control->type != tvox::sim::Type::enumerated ||
         index >= values.size()) {
         ADD_FAILURE() << "\"" << name << "\" has no enumerated value " << index;
@@ -193,8 +193,7 @@ void SimTest::set_speaker(unsigned channel, double ohms, tvox::sim::SpeakerFault
     session.speaker(channel) = tvox::sim::SpeakerConfig{ohms, f0_hz, fault, 0};
 }
 
-void SimTest::record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card, int device,
-                            uint32_t pid)
+void SimTest::record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card, int device)
 {
     Session session = state_->lock();
     tvox::sim::PcmRecord *record = session.stream(card, device, true);
@@ -203,7 +202,7 @@ void SimTest::record_stream(int64_t start_ns, int64_t stop_ns, double peak, int 
     record->start_time_ns = start_ns;
     record->stop_time_ns = stop_ns;
     record->peak = peak;
-    record->pid = pid;
+    record->pid = static_cast<uint32_t>(getpid());
     record->starts++;
 }
 

@@ -1,21 +1,14 @@
-// Test fixture for everything that runs against the virtual amplifier pair.
-//
-// Each test gets a fresh simulator folder; SetUp() points TVOXSIM_DIR, ALSA_CONFIG_PATH,
-// TINYALSA_CARD_0 and TINYALSA_CARD_100 at it before the test makes any ALSA call (alsa-lib reads
-// its configuration once per process, and every test runs in a process of its own), and
-// TearDown() removes the folder (kept when TVOXSIM_KEEP is set, for a look after a failure).
-// A test class that overrides SetUp() or TearDown() calls SimTest's.
-//
-// The helpers read and preset control values in the shared state directly, without the plugin:
-// reads show what was stored (not what the DSP model would compute), presets are not journaled.
-// An unknown control or a value of the wrong kind is reported as a test failure.
+// Test fixture for everything that runs against the virtual amplifier pair. SetUp() gives each
+// test a fresh simulator folder and points TVOXSIM_DIR, ALSA_CONFIG_PATH and TINYALSA_CARD_0/100
+// at it before any ALSA call (alsa-lib reads its configuration once per process); TearDown()
+// removes it unless TVOXSIM_KEEP is set. Subclasses that override them call SimTest's.
+// The helpers read and preset stored values directly, without the plugin: no DSP model, no
+// journal. An unknown control or a value of the wrong kind is a test failure.
 #pragma once
 
 #include "layout.h"
 
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
@@ -40,14 +33,12 @@ struct CommandResult {
 class SimTest : public ::testing::Test
 {
   public:
-    // Runs a shell command in this process's environment (so inside this test's simulator);
-    // status -1 when it could not run or did not exit normally.
+    // A shell command inside this test's simulator; status -1 when it did not exit normally.
     static CommandResult run_command(const std::string &command);
     // The tvoxsim tool, and amixer on virtual card `card`, each in a process of its own.
     static CommandResult tool(const std::string &arguments);
     static CommandResult amixer(int card, const std::string &arguments);
-    // The values `amixer cget` shows for a control ("on,off", "817,3", "0x01,0x02"), empty when
-    // it shows none.
+    // The values `amixer cget` shows ("on,off", "817,3", "0x01,0x02"), empty when none.
     static std::string amixer_values(int card, std::string_view name);
 
   protected:
@@ -57,16 +48,14 @@ class SimTest : public ::testing::Test
     void TearDown() override;
 
     const std::string &sim_dir() const { return dir_; }
-    // The shared state of this test's folder (speakers, streams, AGM facts, registers...).
+    // The shared state of this test's folder, and the build's ALSA configuration and tool.
     tvox::sim::State &state() { return *state_; }
-    // Paths of the build: the generated ALSA configuration and the tvoxsim tool.
     static std::string conf_path() { return TVOXSIM_CONF_PATH; }
     static std::string tool_path() { return TVOXSIM_TOOL_PATH; }
 
-    // Stored values: numbers of a boolean/integer control, item indexes of an enumerated one.
+    // Stored values (item indexes of an enumerated control), and the item text of one.
     std::vector<long> int_values(int card, std::string_view name);
     std::vector<uint8_t> bytes(int card, std::string_view name);
-    // Item text of value `index` of an enumerated control.
     std::string enum_item(int card, std::string_view name, unsigned index = 0);
 
     void preset_ints(int card, std::string_view name, const std::vector<long> &values);
@@ -84,10 +73,9 @@ class SimTest : public ::testing::Test
     void set_speaker(unsigned channel, double ohms,
                      tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
                      double f0_hz = 800);
-    // A stream record as the sink leaves it: started at `start_ns`, still running while
-    // `stop_ns` is 0.
-    void record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card = 0, int device = 0,
-                       uint32_t pid = static_cast<uint32_t>(getpid()));
+    // A stream record as the sink leaves it; running while `stop_ns` is 0.
+    void record_stream(int64_t start_ns, int64_t stop_ns, double peak, int card = 0,
+                       int device = 0);
 
   private:
     std::string dir_;
