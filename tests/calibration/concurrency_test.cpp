@@ -2,15 +2,9 @@
 // deinit. Built as a target of its own so that CI runs it under ThreadSanitizer.
 #include "calibration/context_fixture.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <filesystem>
 #include <future>
 #include <pthread.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace
 {

@@ -4,13 +4,6 @@
 // plays the 3-second file, so the runs are few and each test checks all it can.
 #include "calibration/context_fixture.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <thread>
-
 namespace
 {
 
