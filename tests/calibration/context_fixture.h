@@ -1,5 +1,5 @@
-// A context as a HAL holds it: zero-filled and initialised, its files in a folder of the test's
-// own; with the virtual amplifier pair behind it for the tests that measure.
+// A context as a HAL holds it: zero-filled and initialised, with the virtual amplifier pair
+// behind it.
 #pragma once
 
 #include "calibration/results.h"
@@ -53,60 +53,34 @@ inline std::vector<std::string> tervox_lines(const LogCapture &log, int priority
     return texts;
 }
 
-// Base is ::testing::Test, or SimTest for tests that reach the virtual amplifier pair. With
+// A context on the virtual amplifier pair, its files in the test's simulator folder; with
 // temp_files_ cleared before SetUp the context keeps its default paths.
-template <typename Base> class ContextFixture : public Base
+class SimContextTest : public SimTest
 {
   protected:
     void SetUp() override
     {
-        Base::SetUp();
+        SimTest::SetUp();
         ASSERT_EQ(tervox_cal_init(&ctx_), 0);
+        active_ = this;
         if (!temp_files_)
             return;
-        char pattern[] = "/tmp/tvoxsp-cal-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-        bin_ = (folder_ / "tvox_calr.bin").string();
-        txt_ = (folder_ / "tvox_calr.txt").string();
-        f0_ = (folder_ / "tvox_f0.bin").string();
+        bin_ = sim_dir() + "/tvox_calr.bin";
+        txt_ = sim_dir() + "/tvox_calr.txt";
+        f0_ = sim_dir() + "/tvox_f0.bin";
         ctx_.cal_bin_path = bin_.c_str();
         ctx_.cal_txt_path = txt_.c_str();
         ctx_.f0_path = f0_.c_str();
     }
-
     void TearDown() override
     {
+        active_ = nullptr;
         EXPECT_EQ(tervox_cal_deinit(&ctx_), 0);
-        if (!folder_.empty())
-            std::filesystem::remove_all(folder_);
-        Base::TearDown();
+        SimTest::TearDown();
     }
 
     // Makes card 0's mixer fail to open, for the paths that report a missing mixer.
     static void hide_mixer() { setenv("TINYALSA_CARD_0", "tvoxsp_test_no_such_card", 1); }
-
-    struct tervox ctx_ = {};
-    bool temp_files_ = true;
-    std::filesystem::path folder_;
-    std::string bin_, txt_, f0_;
-};
-
-using ContextTest = ContextFixture<::testing::Test>;
-
-class SimContextTest : public ContextFixture<SimTest>
-{
-  protected:
-    void SetUp() override
-    {
-        ContextFixture<SimTest>::SetUp();
-        active_ = this;
-    }
-    void TearDown() override
-    {
-        active_ = nullptr;
-        ContextFixture<SimTest>::TearDown();
-    }
 
     long value(std::string_view name) { return int_values(0, name).at(0); }
 
@@ -173,6 +147,11 @@ class SimContextTest : public ContextFixture<SimTest>
         active_->record_silence(std::chrono::seconds(0));
         return 0;
     }
+
+  protected:
+    struct tervox ctx_ = {};
+    bool temp_files_ = true;
+    std::string bin_, txt_, f0_;
 
   private:
     static inline SimContextTest *active_ = nullptr;

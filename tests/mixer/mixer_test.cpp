@@ -61,12 +61,6 @@ void reset_mixer_calls()
     g_closes = 0;
 }
 
-// Card 0 now names a card that does not exist: every later mixer_open fails.
-void break_card()
-{
-    setenv("TINYALSA_CARD_0", "tvoxsim:42", 1);
-}
-
 // The virtual amplifier card with an open mixer of card 0.
 
 class MixerTest : public tvox::test::MixerSimTest<0>
@@ -128,7 +122,6 @@ using Reader = MixerTest;
 using Path = MixerTest;
 using PathDeathTest = MixerTest;
 
-// The control setter: value text, control lookup, every failure with its message and status.
 TEST_F(Setter, NumbersItemsAndControlNumbers)
 {
     EXPECT_EQ(set(kSwitch, "1"), 0); // one number goes to every value
@@ -225,8 +218,6 @@ TEST_F(SetterDeathTest, AtMost1024Tokens)
     EXPECT_DEATH(tervox_tmixer_set(mixer(), "No Such Control", ones(2000).c_str()), "");
 }
 
-// The control readers and the setter/reader self-test.
-
 TEST_F(Reader, DspWordsReadAsSigned25BitNumbers)
 {
     const struct {
@@ -260,13 +251,12 @@ TEST_F(Reader, SelfTestPrintsWhatReadsBack)
                     "RCV DSP1 Protection cd CAL_R: e0f0000 0 0 0 \n");
     EXPECT_EQ(bytes(0, kTlvBytes), (std::vector<uint8_t>{0x00, 0x00, 0x0F, 0x0E}));
 
-    break_card();
+    setenv("TINYALSA_CARD_0", "tvoxsim:42", 1); // no such card: mixer_open fails
     EXPECT_EQ(captured(tervox_tmixer_test), 19);
     EXPECT_EQ(err_, "Failed to open mixer\n");
     EXPECT_EQ(out_, "");
 }
 
-// Mixer paths: every table of the library on the card, order, pauses, the first failure.
 // Each application opens and closes the mixer exactly once.
 void expect_one_mixer(const std::string &what)
 {
@@ -344,7 +334,7 @@ TEST_F(Path, FirstFailureStopsThePath)
 
 TEST_F(PathDeathTest, MixerThatDoesNotOpenEndsTheProcess)
 {
-    break_card();
+    setenv("TINYALSA_CARD_0", "tvoxsim:42", 1); // no such card: mixer_open fails
     EXPECT_DEATH(tvox::apply_path(tvox::amp_off_path), "Failed to open mixer");
 }
 
