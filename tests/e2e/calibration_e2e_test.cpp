@@ -4,6 +4,8 @@
 // plays the 3-second file, so the runs are few and each test checks all it can.
 #include "calibration/context_fixture.h"
 
+#include <fstream>
+
 namespace
 {
 
@@ -133,6 +135,30 @@ TEST_F(CalibrationE2eTest, DiagnosticWithAFailingF0WritesNothing)
     const auto off = journal_of({tvox::amp_off_path});
     ASSERT_GE(journal.size(), off.size());
     EXPECT_EQ(std::vector(journal.end() - off.size(), journal.end()), off);
+}
+
+} // namespace
+
+namespace
+{
+
+// The tvoxsp tool, a program of its own over the exported interface: the stored-calibration
+// report beside what the DSP and the kernel hold, and its exit statuses.
+TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
+{
+    std::ofstream(persist_ / "tvox_calr.bin", std::ios::binary) << words_bytes({8392, 7692});
+    const std::string tool = TVOXSP_TOOL_PATH;
+    // The library's log goes to standard error on a host; only the report is compared.
+    const auto report = run_command("{ " + tool + " report 2>/dev/null; }");
+    EXPECT_EQ(report.status, 0);
+    // "T DSP Set CAL_R" holds 8391: as a plain integer for the kernel column, and read as a
+    // big-endian DSP word (bytes C7 20 00 00) for the DSP column.
+    EXPECT_EQ(report.output, "'CHANNEL'     'FS'     'AMP DSP'  'KERNEL'\n"
+                             "CH[0]: 6.00( 8392) - -14680064 -     8391\n"
+                             "CH[1]: 5.50( 7692) - -14680064 -     8391\n");
+    EXPECT_EQ(run_command(tool + " --help >/dev/null").status, 0);
+    for (const char *bad : {"", " calibrate now", " no-such-command", " report --f1"})
+        EXPECT_EQ(run_command(tool + bad + " 2>/dev/null").status, 2) << bad;
 }
 
 } // namespace

@@ -1,10 +1,10 @@
 // Both players against the virtual sink and the virtual AGM card.
+#include "mixer/paths.h"
 #include "phone.h"
 #include "state.h"
 #include "support/capture.h"
 #include "support/sim_fixture.h"
-#include "tvoxsp/context.h"
-#include "tvoxsp/playback.h"
+#include "tvoxsp.h"
 
 #include <algorithm>
 #include <alsa/asoundlib.h>
@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -294,6 +295,32 @@ TEST_F(TplayTest, ThreeSecondFileTakesAboutThreeSecondsAndIsSeenRunning)
     EXPECT_GT(took.count(), 2.5);
     EXPECT_LT(took.count(), 5.0);
     EXPECT_EQ(stream(0, 0).value().frames_written, 3u * 48000);
+}
+
+// The bench test entry routes both amplifiers, then plays the test file through the active
+// context, which keeps pointing at that file afterwards.
+TEST_F(TplayTest, TestEntryRoutesTheAmplifiersAndPlaysTheLoop)
+{
+    struct tervox ctx {
+    };
+    ASSERT_EQ(tervox_cal_init(&ctx), 0);
+    Played played = play([] { return tervox_tplay_test(); });
+    EXPECT_EQ(played.result, 0) << played.err;
+    EXPECT_STREQ(ctx.silent_wav_path, "/sdcard/Music/lrp_loop.wav");
+    Names routed;
+    for (const auto &path : {std::span<const tvox::PathEntry>(tvox::spk_playback_path),
+                             std::span<const tvox::PathEntry>(tvox::rcv_playback_path)})
+        for (const tvox::PathEntry &entry : path)
+            routed.push_back(entry.control);
+    // A stereo control takes its one value as one write per channel.
+    Names written = written_controls();
+    written.erase(std::unique(written.begin(), written.end()), written.end());
+    EXPECT_EQ(written, routed);
+    const auto record = stream(0, 0);
+    ASSERT_TRUE(record);
+    EXPECT_GT(record->frames_written, 0u);
+    EXPECT_GT(record->peak, 0.0);
+    EXPECT_EQ(tervox_cal_deinit(&ctx), 0);
 }
 
 using AgmplayTest = PlaybackTest;

@@ -73,4 +73,29 @@ TEST_F(CardTest, RefusedWritesChangeNothingAndAcceptedOnesAreJournaled)
               }));
 }
 
+// The register mailbox: a write block stores the register of that amplifier only, a read block
+// makes the next read return the block with the register's value in word 2; other commands are
+// refused.
+TEST_F(CardTest, RegisterMailboxServesEachAmplifiersRegisters)
+{
+    const auto block = [](uint32_t command, uint32_t reg, uint32_t value) {
+        Bytes out;
+        for (uint32_t word : {command, reg, value})
+            for (int shift = 24; shift >= 0; shift -= 8)
+                out.push_back(static_cast<uint8_t>(word >> shift));
+        return out;
+    };
+    const auto read_back = [&](const std::string &name) {
+        Bytes data(12);
+        EXPECT_EQ(card_->read(index(name), Value{{}, data}), 0);
+        return data;
+    };
+    EXPECT_EQ(write("T AMP WR Registers", {}, block(0x180, 0x2020, 0x12345678)), 1);
+    EXPECT_GE(write("T AMP WR Registers", {}, block(0x181, 0x2020, 0)), 0);
+    EXPECT_EQ(read_back("T AMP WR Registers"), block(0x181, 0x2020, 0x12345678));
+    EXPECT_GE(write("B AMP WR Registers", {}, block(0x181, 0x2020, 0)), 0);
+    EXPECT_EQ(read_back("B AMP WR Registers"), block(0x181, 0x2020, 0));
+    EXPECT_EQ(write("B AMP WR Registers", {}, block(0x182, 0x2020, 1)), -EINVAL);
+}
+
 } // namespace
