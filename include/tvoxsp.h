@@ -5,11 +5,11 @@
 #ifndef TVOXSP_H
 #define TVOXSP_H
 
-#include "tvoxsp/context.h"
-#include "tvoxsp/util.h"
-#include "tvoxsp/mixer.h"
 #include "tvoxsp/calibration.h"
-#include "tvoxsp/storage.h"
+#include "tvoxsp/context.h"
+#include "tvoxsp/mixer.h"
 #include "tvoxsp/playback.h"
+#include "tvoxsp/storage.h"
+#include "tvoxsp/util.h"
 
 #endif /* TVOXSP_H */
