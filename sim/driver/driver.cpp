@@ -136,7 +136,9 @@ int set_chunk(Session &session, const Record &record)
     DriverState &driver = session.layout().driver;
     const uint32_t header_words = record.param_id == kParamDelta ? 6 : 5;
     uint32_t chunk[kChunkBytes / 4];
+    static_assert(sizeof chunk == sizeof DriverState::last_chunk);
     std::memcpy(chunk, reinterpret_cast<const void *>(record.payload), sizeof chunk);
+    std::memcpy(driver.last_chunk, chunk, sizeof chunk);
     const uint32_t total = chunk[0], bytes = chunk[1], last = chunk[2];
     const std::string what = "set " + hex(record.param_id) + " chunk total " +
                              std::to_string(total) + " data " + std::to_string(bytes) + " last " +

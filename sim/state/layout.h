@@ -136,6 +136,7 @@ struct DriverState {
     uint32_t slot_stored;      // the calibration slot was written since the file was made
     uint32_t slot[kSlotWords];
     uint32_t reserved;
+    uint32_t last_chunk[96]; // the last chunk received, as sent (header, data, what lies behind)
     DriverFaults faults;
     DriverConfig pending[kDriverParams];  // transfers still waiting for their final chunk
     DriverConfig complete[kDriverParams]; // the last complete configuration per parameter id
