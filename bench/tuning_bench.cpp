@@ -4,6 +4,8 @@
 // beside zlib's on the same bytes, with their ratio printed after the run.
 #include "tvoxsp/qdsp.h"
 
+#include "run_benchmarks.h"
+
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <unistd.h>
@@ -11,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -163,13 +164,6 @@ int main(int argc, char **argv)
             ->Arg(static_cast<int64_t>(words));
         benchmark::RegisterBenchmark("crc32_zlib", crc_zlib)->Arg(static_cast<int64_t>(words));
     }
-    benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.summary();
-    benchmark::Shutdown();
-
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
-    return 0;
+    return tvox::bench::run_benchmarks(argc, argv, reporter, dir);
 }

@@ -64,6 +64,18 @@ int fail(int err)
     return -1;
 }
 
+// Runs action(Session &) with the state locked; -1 and errno when the state does not open.
+template <typename Action> int with_session(Node &n, Action &&action)
+{
+    const std::lock_guard guard(n.mutex);
+    int err = 0;
+    State *state = state_locked(n, err);
+    if (!state)
+        return fail(-err);
+    Session session = state->lock();
+    return action(session);
+}
+
 } // namespace
 
 bool is_device_path(const char *path)
@@ -75,23 +87,18 @@ bool is_device_path(const char *path)
 int node_open(int flags)
 {
     Node &n = node();
-    const std::lock_guard guard(n.mutex);
-    int err = 0;
-    State *state = state_locked(n, err);
-    if (!state)
-        return fail(-err);
-    std::atomic<int> *slot = find_fd(n, -1);
-    if (!slot)
-        return fail(EMFILE);
-    Session session = state->lock();
-    if (int result = open_device(session, flags); result < 0)
-        return fail(-result);
-    // Any descriptor will do: it only has to be a real one that close() can release.
-    const int fd = eventfd(0, EFD_CLOEXEC);
-    if (fd < 0)
-        return -1;
-    slot->store(fd);
-    return fd;
+    return with_session(n, [&](Session &session) {
+        std::atomic<int> *slot = find_fd(n, -1);
+        if (!slot)
+            return fail(EMFILE);
+        if (int result = open_device(session, flags); result < 0)
+            return fail(-result);
+        // Any descriptor will do: it only has to be a real one that close() can release.
+        const int fd = eventfd(0, EFD_CLOEXEC);
+        if (fd >= 0)
+            slot->store(fd);
+        return fd;
+    });
 }
 
 bool node_owns(int fd)
@@ -101,15 +108,10 @@ bool node_owns(int fd)
 
 int node_ioctl(int, unsigned long number, void *argument)
 {
-    Node &n = node();
-    const std::lock_guard guard(n.mutex);
-    int err = 0;
-    State *state = state_locked(n, err);
-    if (!state)
-        return fail(-err);
-    Session session = state->lock();
-    const int result = request(session, number, argument);
-    return result < 0 ? fail(-result) : result;
+    return with_session(node(), [&](Session &session) {
+        const int result = request(session, number, argument);
+        return result < 0 ? fail(-result) : result;
+    });
 }
 
 void node_release(int fd)
@@ -119,12 +121,12 @@ void node_release(int fd)
     if (!slot)
         return;
     slot->store(-1);
-    const std::lock_guard guard(n.mutex);
-    int err = 0;
-    if (State *state = state_locked(n, err)) {
-        Session session = state->lock();
+    const int saved = errno; // close() itself decides errno
+    with_session(n, [](Session &session) {
         close_device(session);
-    }
+        return 0;
+    });
+    errno = saved;
 }
 
 } // namespace tvox::sim::driver

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <utility>
 
 namespace tvox
 {
@@ -45,6 +46,7 @@ class DriverDevice
   public:
     DriverDevice(const char *path, int flags) : fd_(::open(path, flags)) {}
     ~DriverDevice() { close(); }
+    DriverDevice(DriverDevice &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     DriverDevice(const DriverDevice &) = delete;
     DriverDevice &operator=(const DriverDevice &) = delete;
 

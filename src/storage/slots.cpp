@@ -18,7 +18,10 @@ using SlotPayload = std::array<uint32_t, kEntryWords * kSlotChannels>;
 // The slot requests do not follow DEVICE_FILE_NAME.
 tvox::DriverDevice open_slot_device()
 {
-    return tvox::DriverDevice(tvox::kDriverDevice, O_RDWR | O_NONBLOCK);
+    tvox::DriverDevice device(tvox::kDriverDevice, O_RDWR | O_NONBLOCK);
+    if (!device.is_open())
+        tvox::log_qdsp(tvox::Priority::error, "Failed to open cal ioctl\n");
+    return device;
 }
 
 tvox::DriverRequest slot_record(SlotPayload &payload)
@@ -31,10 +34,8 @@ tvox::DriverRequest slot_record(SlotPayload &payload)
 extern "C" int32_t tervox_cal_slot_read(uint32_t *values, size_t count)
 {
     tvox::DriverDevice device = open_slot_device();
-    if (!device.is_open()) {
-        tvox::log_qdsp(tvox::Priority::error, "Failed to open cal ioctl\n");
+    if (!device.is_open())
         return -1;
-    }
     SlotPayload payload{};
     tvox::DriverRequest record = slot_record(payload);
     const int result = device.request(tvox::kFetchSlotRequest, record);
@@ -54,10 +55,8 @@ extern "C" int32_t tervox_cal_slot_read(uint32_t *values, size_t count)
 extern "C" int32_t tervox_cal_slot_write(uint32_t *values, size_t count)
 {
     tvox::DriverDevice device = open_slot_device();
-    if (!device.is_open()) {
-        tvox::log_qdsp(tvox::Priority::error, "Failed to open cal ioctl\n");
+    if (!device.is_open())
         return -1;
-    }
     SlotPayload payload{};
     for (size_t channel = 0; channel < kSlotChannels; ++channel) {
         const uint32_t cal_r = values[channel];
