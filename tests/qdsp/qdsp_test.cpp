@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -425,6 +427,97 @@ TEST_F(DriverTest, FailingIoctlsAreLoggedAndTheRestStillGoesOut)
     EXPECT_EQ(tervox_cal_slot_read(values, 2), -1);
     EXPECT_TRUE(log.contains("tervox_cal_slot_read: Ioctl Failed\n"));
     EXPECT_EQ(values[0], 8391u);
+}
+
+// Records and chunks as the driver decodes them, straight through its request entry.
+TEST_F(DriverTest, MalformedRequestsAreRefused)
+{
+    struct Record {
+        uint32_t size, target, param, length;
+        uint64_t payload;
+    };
+    std::array<uint32_t, 96> chunk{};
+    const auto address = reinterpret_cast<uintptr_t>(chunk.data());
+    // A chunk header: {total, data, last, 0, [0,] 4} for the extended (5) or delta (6) form.
+    const auto header = [&](uint32_t total, uint32_t data, uint32_t last, size_t words) {
+        chunk.fill(0);
+        chunk[0] = total;
+        chunk[1] = data;
+        chunk[2] = last;
+        chunk[words - 1] = 4;
+    };
+    struct Case {
+        const char *what;
+        unsigned long number;
+        Record record;
+        std::function<void()> payload;
+        int result;
+    };
+    const std::function<void()> none = [] {};
+    const Case cases[] = {
+        {"unknown request", 0xC00861DD, {24, 1, kEnable, 4, address}, none, -ENOTTY},
+        {"record size", 0xC00861DC, {20, 1, kEnable, 4, address}, none, -EINVAL},
+        {"slot target on set", 0xC00861DC, {24, 2, kEnable, 4, address}, none, -EINVAL},
+        {"module target on store", 0xC00861DE, {24, 1, 0, 24, address}, none, -EINVAL},
+        {"set length", 0xC00861DC, {24, 1, kEnable, 8, address}, none, -EINVAL},
+        {"fetch length", 0xC00861DF, {24, 2, 0, 20, address}, none, -EINVAL},
+        {"null payload", 0xC00861DC, {24, 1, kEnable, 4, 0}, none, -EINVAL},
+        {"constant",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] {
+             header(20, 20, 1, 5);
+             chunk[4] = 3;
+         },
+         -EINVAL},
+        {"reserved word",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] {
+             header(20, 20, 1, 5);
+             chunk[3] = 1;
+         },
+         -EINVAL},
+        {"last flag",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(20, 20, 2, 5); },
+         -EINVAL},
+        {"short full chunk",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(720, 100, 0, 5); },
+         -EINVAL},
+        {"full final chunk",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(360, 360, 1, 5); },
+         -EINVAL},
+        {"final chunk short of the total",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(724, 4, 1, 5); },
+         -EINVAL},
+        {"extended header under the delta id",
+         0xC00861DC,
+         {24, 1, kDelta, 384, address},
+         [&] { header(20, 20, 1, 5); },
+         -EINVAL},
+        {"delta header",
+         0xC00861DC,
+         {24, 1, kDelta, 384, address},
+         [&] { header(20, 20, 1, 6); },
+         0},
+        {"single value", 0xC00861DC, {24, 1, kEnable, 4, address}, [&] { chunk[0] = 1; }, 0},
+    };
+    for (const Case &c : cases) {
+        c.payload();
+        Record record = c.record;
+        tvox::sim::Session session = state().lock();
+        EXPECT_EQ(tvox::sim::driver::request(session, c.number, &record), c.result) << c.what;
+    }
+    tvox::sim::Session session = state().lock();
+    EXPECT_EQ(tvox::sim::driver::request(session, 0xC00861DC, nullptr), -EINVAL);
 }
 
 using DriverDeathTest = DriverTest;
