@@ -3,13 +3,14 @@
 // amixer does), on the virtual amplifier card padded to 100, 1000 and 3000 controls.
 #include "tvoxsp/mixer.h"
 
+#include "run_benchmarks.h"
 #include <alsa/asoundlib.h>
+
 #include <benchmark/benchmark.h>
 #include <tinyalsa/asoundlib.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -159,13 +160,6 @@ int main(int argc, char **argv)
             ->Arg(size)
             ->Unit(benchmark::kMicrosecond);
     }
-    benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.summary();
-    benchmark::Shutdown();
-
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
-    return 0;
+    return tvox::bench::run_benchmarks(argc, argv, reporter, dir);
 }

@@ -26,6 +26,14 @@ int32_t tervox_cal_fread(uint32_t *values, size_t count);
 int32_t tervox_f0_fwrite(uint32_t *values, size_t count);
 int32_t tervox_f0_fread(uint32_t *values, size_t count);
 
+/*
+ * The calibration slot the driver keeps across audio-server restarts: CAL_R of channels 0 and 1
+ * (values must hold both; count only bounds the logging). read: 0 or -1, values untouched on
+ * failure. write: the driver's result (negative on failure) or -1 when the device does not open.
+ */
+int32_t tervox_cal_slot_read(uint32_t *values, size_t count);
+int32_t tervox_cal_slot_write(uint32_t *values, size_t count);
+
 /* Prints the stored, DSP and kernel CAL_R of every channel (and the stored F0 in diag_mode) on
  * standard output. */
 int32_t tervox_cal_fread_and_check(void);

@@ -5,10 +5,10 @@
 // Under AddressSanitizer the preload must come after the sanitizer runtime in LD_PRELOAD; the
 // runtime's interceptors then reach these functions as their "real" ones.
 //
-// The driver device "/dev/msm_tervox_playback" (open/ioctl/close) will be emulated here too: its
-// open is to be recognised in open_redirected() before the path mapping, with ioctl and close
-// interposed next to it.
+// The driver device "/dev/msm_tervox_playback" is served by the virtual driver (sim/driver):
+// its open, ioctl and close are handed over, every other descriptor passes through.
 #undef _FORTIFY_SOURCE
+#include "device_node.h"
 #include "phone_paths.h"
 
 #include <dirent.h>
@@ -61,6 +61,8 @@ OpenAtFn real_openat64()
 
 int open_redirected(OpenAtFn real, int dirfd, const char *path, int flags, mode_t mode)
 {
+    if (tvox::sim::driver::is_device_path(path))
+        return tvox::sim::driver::node_open(flags);
     return with_path(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });
 }
 
@@ -251,6 +253,25 @@ int rename(const char *from, const char *to)
     return with_path(from, -1, [&](const char *f) {
         return with_path(to, -1, [&](const char *t) { return real(f, t); });
     });
+}
+
+int ioctl(int fd, unsigned long request, ...)
+{
+    static const auto real = next<int (*)(int, unsigned long, ...)>("ioctl");
+    va_list args;
+    va_start(args, request);
+    void *argument = va_arg(args, void *);
+    va_end(args);
+    if (tvox::sim::driver::node_owns(fd))
+        return tvox::sim::driver::node_ioctl(fd, request, argument);
+    return real(fd, request, argument);
+}
+
+int close(int fd)
+{
+    static const auto real = next<int (*)(int)>("close");
+    tvox::sim::driver::node_release(fd);
+    return real(fd);
 }
 
 DIR *opendir(const char *path)

@@ -13,7 +13,7 @@
 namespace tvox::sim
 {
 
-inline constexpr uint32_t kLayoutVersion = 1;
+inline constexpr uint32_t kLayoutVersion = 2;
 
 inline constexpr size_t kNameMax = 48;         // ALSA names are at most 43 characters
 inline constexpr size_t kMaxControls = 16384;  // room for the cards plus many filler controls
@@ -25,6 +25,9 @@ inline constexpr size_t kMaxRegisters = 1024; // registers remembered per amplif
 inline constexpr size_t kMaxInterfaces = 32;
 inline constexpr size_t kMaxPcmDevices = 16;
 inline constexpr size_t kModelAreaBytes = 64 << 10;
+inline constexpr size_t kDriverParams = 8;          // parameter ids the virtual driver follows
+inline constexpr size_t kDriverConfigWords = 32768; // words of one configuration (128 KiB)
+inline constexpr size_t kSlotWords = 6;             // calibration slot: {valid, check, CAL_R} x 2
 
 // Element types, numbered as alsa-lib numbers them (snd_ctl_elem_type_t).
 enum class Type : uint32_t { boolean = 1, integer = 2, enumerated = 3, bytes = 4 };
@@ -99,6 +102,46 @@ struct AgmStream {
     uint32_t reserved2;
 };
 
+// A configuration under one parameter id of the protection module, as the virtual driver
+// reassembles it from its chunks. A single value is a configuration of one word (no header).
+struct DriverConfig {
+    uint32_t param_id;
+    uint8_t used;
+    uint8_t reserved[3];
+    uint32_t header_words;   // chunk header: 5 (extended), 6 (delta), 0 (single value)
+    uint32_t total_bytes;    // as the chunk headers announce it
+    uint32_t received_bytes; // data stored so far
+    uint32_t chunks;         // chunks seen, failed ones included
+    uint32_t words[kDriverConfigWords];
+};
+
+// Failures the virtual driver is told to show.
+struct DriverFaults {
+    uint8_t absent; // the device node is missing: open fails with ENOENT
+    uint8_t reserved[3];
+    uint32_t fail_request; // ioctl request number that fails, 0 for none
+    uint32_t fail_param;   // ... only for this parameter id (0: every id)
+    uint32_t fail_chunk;   // the Nth chunk (from 1) of every chunked transfer fails, 0 for none
+    int32_t fail_errno;    // errno of a failing ioctl or chunk
+    uint32_t reserved2;
+};
+
+// The speaker-protection driver of the virtual pair and the module state it keeps.
+struct DriverState {
+    uint64_t requests; // ioctls received
+    uint32_t enabled;  // the module's enable switch (last value under 0x10002001)
+    uint32_t enable_writes;
+    uint32_t delta_done;       // closing values received after delta configurations
+    uint32_t delta_done_value; // the last one
+    uint32_t slot_stored;      // the calibration slot was written since the file was made
+    uint32_t slot[kSlotWords];
+    uint32_t reserved;
+    uint32_t last_chunk[96]; // the last chunk received, as sent (header, data, what lies behind)
+    DriverFaults faults;
+    DriverConfig pending[kDriverParams];  // transfers still waiting for their final chunk
+    DriverConfig complete[kDriverParams]; // the last complete configuration per parameter id
+};
+
 struct Header {
     char magic[8];
     uint32_t version;
@@ -120,6 +163,7 @@ struct Layout {
     RegisterFile registers[kMaxChannels];
     AgmInterface interfaces[kMaxInterfaces];
     AgmStream agm_streams[kMaxPcmDevices];
+    alignas(64) DriverState driver;
     alignas(64) std::byte model[kModelAreaBytes];
     alignas(64) std::byte pool[kPoolBytes];
 };

@@ -57,7 +57,7 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
     }
 
     ctx->playback = tervox_agmplay;
-    // channel_swap stays empty until the host DSP module's channel swap is part of the library.
+    ctx->channel_swap = tervox_qdsp_channel_swap;
     ctx->fread_backend = tervox_default_fread;
     ctx->fwrite_backend = tervox_default_fwrite;
     ctx->txt_fwrite_backend = tervox_ascii_fwrite;

@@ -1,5 +1,6 @@
 // tvoxsp: speaker calibration, diagnostic and stored-calibration report from the command line.
 // Each subcommand is one row of the command table; new tools add a row.
+#include "command.h"
 #include "tvoxsp.h"
 
 #include <algorithm>
@@ -11,11 +12,9 @@
 namespace
 {
 
-using Args = std::span<char *const>;
-
-// Exit codes: 0 success, 1 the operation failed, 2 the command line was wrong.
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+using tvoxsp::Args;
+using tvoxsp::kFailed;
+using tvoxsp::kUsage;
 
 struct Command {
     std::string_view name;
@@ -89,6 +88,16 @@ constexpr std::array kCommands = {
             "print the stored CAL_R beside the DSP's and the kernel's values (--f0: and the "
             "stored F0 file)",
             report},
+    Command{"slot", "read | write CAL_R_T CAL_R_B",
+            "fetch or store both CAL_R values in the driver's calibration slot", tvoxsp::slot},
+    Command{"tuning", "load|delta|params|check|seal FILE",
+            "send a receive configuration, delta or module parameter file to the protection "
+            "module; check: list its blocks as the library judges them; seal: print it with "
+            "sizes and CRCs recomputed",
+            tvoxsp::tuning},
+    Command{"module", "on|off | swap on|off | config TYPE",
+            "switch the protection module, swap its channels, select a configuration type",
+            tvoxsp::module},
 };
 
 void print_help(std::FILE *out)

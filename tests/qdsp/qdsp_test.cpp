@@ -1,0 +1,580 @@
+// Transfers, tuning loads, switches and calibration slots through the exported interface, as the
+// virtual driver receives them (its shared state and journal), and the tools beside them.
+#include "driver.h"
+#include "state.h"
+#include "support/capture.h"
+#include "support/sim_fixture.h"
+#include "tvoxsp.h"
+#include "zlib_oracle.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using tvox::test::block_line;
+using tvox::test::LogCapture;
+using tvox::test::sealed_words;
+
+constexpr uint32_t kRxConfig = 0xA1AF05;
+constexpr uint32_t kDelta = 0xA1AF0D;
+constexpr uint32_t kDeltaDone = 0xA1AF0E;
+constexpr uint32_t kParams = 0xA1AF0F;
+constexpr uint32_t kEnable = 0x10002001;
+constexpr const char *kSwap = "Tervox SP Channel Swap";
+const std::string kGoodBlock = "5,100,200,300,4292077319\n";
+const std::vector<uint32_t> kGoodWords = {5, 100, 200, 300, 0xFFD3E707};
+
+std::string hex(uint32_t value)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", value);
+    return text;
+}
+
+std::string chunk_line(uint32_t param, size_t total_words, size_t data_words, bool last,
+                       std::string_view outcome = "ok")
+{
+    return "driver set " + hex(param) + " chunk total " + std::to_string(total_words * 4) +
+           " data " + std::to_string(data_words * 4) + " last " + (last ? "1" : "0") + " -> " +
+           std::string(outcome);
+}
+
+std::string value_line(uint32_t param, uint32_t value)
+{
+    return "driver set " + hex(param) + " value " + std::to_string(value) + " -> ok";
+}
+
+// Blocks whose words add up to `count` (0, or at least 2 per block).
+std::vector<std::vector<uint32_t>> blocks_of(std::vector<size_t> sizes)
+{
+    std::vector<std::vector<uint32_t>> blocks;
+    uint32_t next = 1000;
+    for (size_t size : sizes) {
+        std::vector<uint32_t> payload(size - 2);
+        for (uint32_t &word : payload)
+            word = next++;
+        blocks.push_back(sealed_words(payload));
+    }
+    return blocks;
+}
+
+class DriverTest : public tvox::test::SimTest
+{
+  protected:
+    void TearDown() override
+    {
+        DEVICE_FILE_NAME = "/dev/msm_tervox_playback";
+        SimTest::TearDown();
+    }
+
+    // The requests that reached the driver (set, store, fetch), in order.
+    std::vector<std::string> requests()
+    {
+        std::vector<std::string> lines;
+        for (const std::string &line : journal_lines())
+            if (line.rfind("driver ", 0) == 0 && line.rfind("driver open", 0) != 0 &&
+                line != "driver close")
+                lines.push_back(line);
+        return lines;
+    }
+
+    std::optional<std::vector<uint32_t>> config(uint32_t param)
+    {
+        tvox::sim::Session session = state().lock();
+        const tvox::sim::DriverConfig *config = tvox::sim::driver::complete_config(session, param);
+        if (!config)
+            return std::nullopt;
+        return std::vector<uint32_t>(config->words, config->words + config->received_bytes / 4);
+    }
+
+    std::vector<uint32_t> last_chunk(size_t words)
+    {
+        tvox::sim::Session session = state().lock();
+        const uint32_t *chunk = session.layout().driver.last_chunk;
+        return std::vector<uint32_t>(chunk, chunk + words);
+    }
+
+    struct ModuleFacts {
+        uint32_t enabled;
+        std::vector<uint32_t> slot;
+    };
+    ModuleFacts module_facts()
+    {
+        tvox::sim::Session session = state().lock();
+        const tvox::sim::DriverState &driver = session.layout().driver;
+        return {driver.enabled,
+                std::vector<uint32_t>(std::begin(driver.slot), std::end(driver.slot))};
+    }
+
+    std::string tuning_file(const std::string &text) { return folder_file("tuning.txt", text); }
+
+    void fault(const std::string &arguments)
+    {
+        ASSERT_EQ(tool("driver fault " + arguments).status, 0) << arguments;
+    }
+
+    static tvox::test::CommandResult tvoxsp(const std::string &arguments)
+    {
+        return run_command(std::string(TVOXSP_TOOL_PATH) + " " + arguments);
+    }
+};
+
+TEST_F(DriverTest, ChunkLayoutsOfBothHeaderForms)
+{
+    struct Case {
+        std::vector<size_t> block_sizes;
+        size_t full_chunks;
+    };
+    const Case cases[] = {{{}, 0}, {{90}, 1}, {{90, 91}, 2}};
+    for (const bool delta : {false, true}) {
+        const uint32_t param = delta ? kDelta : kParams;
+        const size_t header = delta ? 6 : 5;
+        for (const Case &c : cases) {
+            std::vector<uint32_t> words;
+            std::string text;
+            for (const auto &block : blocks_of(c.block_sizes)) {
+                words.insert(words.end(), block.begin(), block.end());
+                text += block_line(block);
+            }
+            SCOPED_TRACE(std::to_string(words.size()) + (delta ? " words, delta" : " words"));
+            clear_journal();
+            const std::string path = tuning_file(text);
+            ASSERT_EQ(delta ? tervox_qdsp_delta_tuning(path.c_str())
+                            : tervox_qdsp_set_params(path.c_str()),
+                      0);
+
+            std::vector<std::string> expected;
+            for (size_t i = 0; i < c.full_chunks; ++i)
+                expected.push_back(chunk_line(param, words.size(), 90, false));
+            expected.push_back(chunk_line(param, words.size(), words.size() % 90, true));
+            if (delta)
+                expected.push_back(value_line(kDeltaDone, 0));
+            EXPECT_EQ(requests(), expected);
+            EXPECT_EQ(config(param), words);
+
+            // The final chunk as sent: its header, and behind its own words the previous chunk's.
+            std::vector<uint32_t> final_chunk = {static_cast<uint32_t>(words.size() * 4),
+                                                 static_cast<uint32_t>(words.size() % 90 * 4), 1,
+                                                 0};
+            if (delta)
+                final_chunk.push_back(0);
+            final_chunk.push_back(4);
+            for (size_t i = 0; i < 90; ++i) {
+                const size_t own = c.full_chunks * 90 + i;
+                const size_t stale =
+                    c.full_chunks > 0 ? (c.full_chunks - 1) * 90 + i : words.size();
+                final_chunk.push_back(own < words.size()     ? words[own]
+                                      : stale < words.size() ? words[stale]
+                                                             : 0);
+            }
+            EXPECT_EQ(last_chunk(header + 90), final_chunk);
+        }
+    }
+}
+
+TEST_F(DriverTest, ReceiveConfigurationFiles)
+{
+    const std::string left = "QORA_CONFIG_RX_LEFT " + kGoodBlock;
+    const std::string right = "QORA_CONFIG_RX_RIGHT 3,7,1987764275\n";
+    std::vector<uint32_t> both = kGoodWords;
+    both.insert(both.end(), {3, 7, 0x767AE033});
+    struct Case {
+        std::string text;
+        int result;
+        std::optional<std::vector<uint32_t>> sent; // nothing: no request at all
+        std::string log;
+    };
+    const Case cases[] = {
+        {left, 0, kGoodWords, "CRC: calc = -2889977, match = -2889977\n"},
+        {left + right, 0, both, "tvox_tuning_raw_parser: delta size: 3\n"},
+        {"\tQORA_CONFIG_RX_LEFT\t5,100,200,300,-2889977\n", 0, kGoodWords, ""},
+        {left + "QORA_CONFIG_RX_RIGHT 3,7,1\n", -1, std::nullopt, "CRC Failed on delta_buf[1]!\n"},
+        {left + "no marker here\n", 0, kGoodWords, ""},
+        {"", 0, std::vector<uint32_t>{}, ""},
+        {"QORA_CONFIG_RX_RIGHT 3,7,1987764275\n" + left, 0, std::vector<uint32_t>{}, ""},
+        {"QORA_CONFIG_RX_LEFT=5,100,200,300,4292077319\n", -1, std::nullopt,
+         "CRC Failed on delta_buf[0]!\n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        clear_journal();
+        LogCapture log;
+        EXPECT_EQ(tervox_qdsp_load_tuning(tuning_file(c.text).c_str()), c.result);
+        if (c.sent) {
+            EXPECT_EQ(requests(), std::vector<std::string>{
+                                      chunk_line(kRxConfig, c.sent->size(), c.sent->size(), true)});
+            EXPECT_EQ(config(kRxConfig), c.sent);
+        } else {
+            EXPECT_TRUE(requests().empty());
+        }
+        if (!c.log.empty()) {
+            EXPECT_TRUE(log.contains(c.log, "AHAL: tervox_qdsp"));
+        }
+    }
+}
+
+TEST_F(DriverTest, DeltaIsCheckedSentAndAlwaysClosed)
+{
+    struct Case {
+        std::string text;
+        int result;
+        bool sent;
+        std::string log;
+    };
+    const Case cases[] = {
+        {kGoodBlock, 0, true, "CRC: calc = -2889977, match = -2889977\n"},
+        {"5,100,200,300,1\n", -1, false, "CRC Failed on delta_buf[0]!\n"},
+        {kGoodBlock + "5,100,200,300,1\n", -1, false, "CRC Failed on delta_buf[1]!\n"},
+        {"", 0, true, ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        clear_journal();
+        LogCapture log;
+        EXPECT_EQ(tervox_qdsp_delta_tuning(tuning_file(c.text).c_str()), c.result);
+        const size_t words = c.text.empty() ? 0 : 5;
+        std::vector<std::string> expected;
+        if (c.sent)
+            expected.push_back(chunk_line(kDelta, words, words, true));
+        expected.push_back(value_line(kDeltaDone, 0));
+        EXPECT_EQ(requests(), expected);
+        if (!c.log.empty()) {
+            EXPECT_TRUE(log.contains(c.log, "AHAL: tervox_qdsp"));
+        }
+    }
+    // The good delta as the module got it: the six-word header, then the block.
+    ASSERT_EQ(tervox_qdsp_delta_tuning(tuning_file(kGoodBlock).c_str()), 0);
+    EXPECT_EQ(last_chunk(11),
+              (std::vector<uint32_t>{20, 20, 1, 0, 0, 4, 5, 100, 200, 300, 0xFFD3E707}));
+}
+
+TEST_F(DriverTest, UntrustedBlocksStayInsideTheirLines)
+{
+    const std::string long_line = block_line(blocks_of({20000}).front());
+    struct Case {
+        std::string line;
+        std::optional<size_t> sent_words; // nothing: rejected, nothing sent
+    };
+    const Case cases[] = {
+        {"1000000,1,2\n", std::nullopt}, // size word past the line's tokens
+        {"6,100,200,300,4292077319\n", std::nullopt},
+        {"0\n", std::nullopt},
+        {"-5,1,2\n", std::nullopt},
+        {"\n", std::nullopt},
+        {"3,7,1987764275,99,98\n", 3}, // tokens past the block are ignored
+        {"3,7,1987764275,\n", 3},      // a trailing comma fills only the spare word
+        {"  +3, 7x,1987764275\n", 3},  // strtol's reading of each token
+        {long_line, 20000},            // read whole
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line.substr(0, 40));
+        clear_journal();
+        LogCapture log;
+        const int result = tervox_qdsp_set_params(tuning_file(c.line).c_str());
+        EXPECT_EQ(result, c.sent_words ? 0 : -1);
+        if (c.sent_words) {
+            ASSERT_TRUE(config(kParams));
+            EXPECT_EQ(config(kParams)->size(), *c.sent_words);
+        } else {
+            EXPECT_TRUE(requests().empty());
+            EXPECT_TRUE(log.contains("CRC Failed on delta_buf[0]!\n"));
+        }
+    }
+}
+
+TEST_F(DriverTest, FilesThatDoNotOpenSendNothing)
+{
+    for (auto load : {tervox_qdsp_load_tuning, tervox_qdsp_delta_tuning, tervox_qdsp_set_params}) {
+        LogCapture log;
+        EXPECT_EQ(load("/no/such/tuning.txt"), -1);
+        EXPECT_TRUE(log.contains("Cannot open file - '/no/such/tuning.txt'\n"));
+    }
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(DriverTest, ModuleSwitchAndChannelSwap)
+{
+    EXPECT_EQ(tervox_qdsp_enable(1), 0);
+    EXPECT_EQ(module_facts().enabled, 1u);
+    EXPECT_EQ(tervox_qdsp_enable(2), 0); // only bit 0 counts
+    EXPECT_EQ(module_facts().enabled, 0u);
+    EXPECT_EQ(requests(),
+              (std::vector<std::string>{value_line(kEnable, 1), value_line(kEnable, 0)}));
+
+    struct tervox ctx = {};
+    ASSERT_EQ(tervox_cal_init(&ctx), 0);
+    EXPECT_EQ(ctx.channel_swap, &tervox_qdsp_channel_swap);
+    EXPECT_EQ(ctx.channel_swap(3), 0);
+    EXPECT_EQ(enum_item(0, kSwap), "RL");
+    EXPECT_EQ(tervox_qdsp_channel_swap(2), 0);
+    EXPECT_EQ(enum_item(0, kSwap), "LR");
+    for (int type : {0, 1}) {
+        preset_enum(0, kSwap, "LR");
+        EXPECT_EQ(tervox_qdsp_config_select(nullptr, type), 0);
+        EXPECT_EQ(enum_item(0, kSwap), "RL") << type;
+    }
+    preset_enum(0, kSwap, "LR");
+    LogCapture log;
+    EXPECT_EQ(tervox_qdsp_config_select(nullptr, 2), 0);
+    EXPECT_TRUE(log.contains("Invalid type = 2\n", "AHAL: tervox_qdsp"));
+    EXPECT_EQ(enum_item(0, kSwap), "LR");
+
+    setenv("TINYALSA_CARD_0", "tvoxsp_test_no_such_card", 1);
+    EXPECT_EQ(tervox_qdsp_channel_swap(1), -22);
+    EXPECT_EQ(tervox_qdsp_config_select(nullptr, 0), -22);
+    EXPECT_TRUE(log.contains("tervox_qdsp_channel_swap: Failed to open mixer\n"));
+    EXPECT_TRUE(log.contains("tervox_qdsp_config_select: Failed to open mixer\n"));
+    EXPECT_EQ(tervox_cal_deinit(&ctx), 0);
+}
+
+TEST_F(DriverTest, SlotPayloadAndRoundTripAcrossProcesses)
+{
+    LogCapture log;
+    uint32_t values[2] = {8391, 8392};
+    EXPECT_EQ(tervox_cal_slot_write(values, 2), 0);
+    EXPECT_EQ(module_facts().slot, (std::vector<uint32_t>{1, 8392, 8391, 1, 8393, 8392}));
+    EXPECT_TRUE(log.contains("tervox_cal_slot_write:Channel[1] Store: CAL_R = 8392\n"));
+
+    const auto read_back = tvoxsp("slot read");
+    EXPECT_EQ(read_back.status, 0);
+    EXPECT_EQ(read_back.output, "CAL_R T: 8391\nCAL_R B: 8392\n");
+
+    ASSERT_EQ(tvoxsp("slot write 7000 0x2000").status, 0);
+    log.clear();
+    uint32_t read[2] = {};
+    EXPECT_EQ(tervox_cal_slot_read(read, 1), 0); // count only bounds the log lines
+    EXPECT_EQ(read[0], 7000u);
+    EXPECT_EQ(read[1], 0x2000u);
+    EXPECT_TRUE(log.contains("tervox_cal_slot_read:Channel[0] Read: CAL_R = 7000\n"));
+    EXPECT_FALSE(log.contains("tervox_cal_slot_read:Channel[1] Read: CAL_R = 8192\n"));
+    EXPECT_EQ(tvoxsp("slot write 1 0xFFFFFFFF").status, 2);
+}
+
+TEST_F(DriverTest, DeviceAbsentOrElsewhere)
+{
+    fault("absent");
+    LogCapture log;
+    uint32_t values[2] = {5, 6};
+    EXPECT_EQ(tervox_cal_slot_write(values, 2), -1);
+    EXPECT_EQ(tervox_cal_slot_read(values, 2), -1);
+    EXPECT_EQ(values[0], 5u);
+    EXPECT_EQ(tervox_qdsp_enable(1), 0);
+    EXPECT_EQ(tervox_qdsp_set_params(tuning_file(kGoodBlock).c_str()), 0);
+    EXPECT_EQ(tervox_qdsp_delta_tuning(tuning_file(kGoodBlock).c_str()), 0);
+    for (const char *text :
+         {"Failed to open cal ioctl\n",
+          "tervox_qdsp_single_transfer: Can't open '/dev/msm_tervox_playback' \n",
+          "tervox_qdsp_transfer_ext_config: Can't open "
+          "'/dev/msm_tervox_playback' \n",
+          "tervox_qdsp_transfer_delta_config: Can't open "
+          "'/dev/msm_tervox_playback' \n"})
+        EXPECT_TRUE(log.contains(text)) << text;
+    EXPECT_TRUE(requests().empty());
+
+    // Transfers follow DEVICE_FILE_NAME at each call; the slots keep the fixed path.
+    fault("none");
+    log.clear();
+    DEVICE_FILE_NAME = "/dev/tvox_elsewhere";
+    EXPECT_EQ(tervox_qdsp_enable(1), 0);
+    EXPECT_TRUE(log.contains("tervox_qdsp_single_transfer: Can't open '/dev/tvox_elsewhere' \n"));
+    EXPECT_EQ(tervox_cal_slot_write(values, 2), 0);
+    DEVICE_FILE_NAME = "/dev/msm_tervox_playback";
+    EXPECT_EQ(tervox_qdsp_enable(1), 0);
+    EXPECT_EQ(requests().size(), 2u);
+    EXPECT_EQ(requests().back(), value_line(kEnable, 1));
+}
+
+TEST_F(DriverTest, FailingIoctlsAreLoggedAndTheRestStillGoesOut)
+{
+    fault("ioctl set --param 0xA1AF0D --errno 5");
+    LogCapture log;
+    EXPECT_EQ(tervox_qdsp_delta_tuning(tuning_file(kGoodBlock).c_str()), 0);
+    EXPECT_TRUE(log.contains("ioctl_set: IOCTL Set Failed! -1\n"));
+    EXPECT_EQ(requests(), (std::vector<std::string>{chunk_line(kDelta, 5, 5, true, "EIO (fault)"),
+                                                    value_line(kDeltaDone, 0)}));
+
+    // A failing chunk leaves a hole: the next chunks still go out, the module refuses the end.
+    fault("none");
+    fault("chunk 1 --errno 16");
+    clear_journal();
+    std::string text;
+    for (const auto &block : blocks_of({90, 91}))
+        text += block_line(block);
+    EXPECT_EQ(tervox_qdsp_set_params(tuning_file(text).c_str()), 0);
+    EXPECT_EQ(requests(), (std::vector<std::string>{
+                              chunk_line(kParams, 181, 90, false, "EBUSY (fault)"),
+                              chunk_line(kParams, 181, 90, false),
+                              chunk_line(kParams, 181, 1, true, "EINVAL (chunk order)")}));
+    EXPECT_FALSE(config(kParams));
+
+    fault("none");
+    fault("ioctl store");
+    log.clear();
+    uint32_t values[2] = {8391, 8392};
+    EXPECT_EQ(tervox_cal_slot_write(values, 2), -1);
+    EXPECT_TRUE(log.contains("Failed to open ioctl\n"));
+    fault("ioctl fetch --errno 22");
+    EXPECT_EQ(tervox_cal_slot_read(values, 2), -1);
+    EXPECT_TRUE(log.contains("tervox_cal_slot_read: Ioctl Failed\n"));
+    EXPECT_EQ(values[0], 8391u);
+}
+
+// Records and chunks as the driver decodes them, straight through its request entry.
+TEST_F(DriverTest, MalformedRequestsAreRefused)
+{
+    struct Record {
+        uint32_t size, target, param, length;
+        uint64_t payload;
+    };
+    std::array<uint32_t, 96> chunk{};
+    const auto address = reinterpret_cast<uintptr_t>(chunk.data());
+    // A chunk header: {total, data, last, 0, [0,] 4} for the extended (5) or delta (6) form.
+    const auto header = [&](uint32_t total, uint32_t data, uint32_t last, size_t words) {
+        chunk.fill(0);
+        chunk[0] = total;
+        chunk[1] = data;
+        chunk[2] = last;
+        chunk[words - 1] = 4;
+    };
+    struct Case {
+        const char *what;
+        unsigned long number;
+        Record record;
+        std::function<void()> payload;
+        int result;
+    };
+    const std::function<void()> none = [] {};
+    const Case cases[] = {
+        {"unknown request", 0xC00861DD, {24, 1, kEnable, 4, address}, none, -ENOTTY},
+        {"record size", 0xC00861DC, {20, 1, kEnable, 4, address}, none, -EINVAL},
+        {"slot target on set", 0xC00861DC, {24, 2, kEnable, 4, address}, none, -EINVAL},
+        {"module target on store", 0xC00861DE, {24, 1, 0, 24, address}, none, -EINVAL},
+        {"set length", 0xC00861DC, {24, 1, kEnable, 8, address}, none, -EINVAL},
+        {"fetch length", 0xC00861DF, {24, 2, 0, 20, address}, none, -EINVAL},
+        {"null payload", 0xC00861DC, {24, 1, kEnable, 4, 0}, none, -EINVAL},
+        {"constant",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] {
+             header(20, 20, 1, 5);
+             chunk[4] = 3;
+         },
+         -EINVAL},
+        {"reserved word",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] {
+             header(20, 20, 1, 5);
+             chunk[3] = 1;
+         },
+         -EINVAL},
+        {"last flag",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(20, 20, 2, 5); },
+         -EINVAL},
+        {"short full chunk",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(720, 100, 0, 5); },
+         -EINVAL},
+        {"full final chunk",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(360, 360, 1, 5); },
+         -EINVAL},
+        {"final chunk short of the total",
+         0xC00861DC,
+         {24, 1, kParams, 384, address},
+         [&] { header(724, 4, 1, 5); },
+         -EINVAL},
+        {"extended header under the delta id",
+         0xC00861DC,
+         {24, 1, kDelta, 384, address},
+         [&] { header(20, 20, 1, 5); },
+         -EINVAL},
+        {"delta header",
+         0xC00861DC,
+         {24, 1, kDelta, 384, address},
+         [&] { header(20, 20, 1, 6); },
+         0},
+        {"single value", 0xC00861DC, {24, 1, kEnable, 4, address}, [&] { chunk[0] = 1; }, 0},
+    };
+    for (const Case &c : cases) {
+        c.payload();
+        Record record = c.record;
+        tvox::sim::Session session = state().lock();
+        EXPECT_EQ(tvox::sim::driver::request(session, c.number, &record), c.result) << c.what;
+    }
+    tvox::sim::Session session = state().lock();
+    EXPECT_EQ(tvox::sim::driver::request(session, 0xC00861DC, nullptr), -EINVAL);
+}
+
+using DriverDeathTest = DriverTest;
+
+TEST_F(DriverDeathTest, ConditionsThatEndTheProcess)
+{
+    std::string lines;
+    for (int i = 0; i < 101; ++i)
+        lines += kGoodBlock;
+    const std::string too_many = tuning_file(lines);
+    EXPECT_DEATH(tervox_qdsp_delta_tuning(too_many.c_str()), "");
+    EXPECT_DEATH(tervox_qdsp_set_params(too_many.c_str()), "");
+    const std::string third_line = folder_file(
+        "rx.txt", "QORA_CONFIG_RX_LEFT " + kGoodBlock + "QORA_CONFIG_RX_RIGHT 3,7,1987764275\n\n");
+    EXPECT_DEATH(tervox_qdsp_load_tuning(third_line.c_str()), "");
+    const std::string overflow = folder_file("overflow.txt", "2147483647,1,2\n");
+    EXPECT_DEATH(tervox_qdsp_delta_tuning(overflow.c_str()), "");
+    uint32_t values[2] = {8391, 0xFFFFFFFF};
+    EXPECT_DEATH(tervox_cal_slot_write(values, 2), "");
+
+    // One line fewer is fine, and so are two receive lines without a third.
+    lines.resize(lines.size() - kGoodBlock.size());
+    EXPECT_EQ(tervox_qdsp_set_params(tuning_file(lines).c_str()), 0);
+    EXPECT_EQ(config(kParams)->size(), 500u);
+}
+
+TEST_F(DriverTest, ToolsCheckSealLoadAndShowTheModule)
+{
+    const std::string bad = folder_file("bad.txt", "5,100,200,300,1\n1000,1,2\n 3, 7 ,99\n");
+    auto checked = tvoxsp("tuning check " + bad);
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_NE(checked.output.find("line 1: size 5, 3 payload words, CRC stored 0x00000001 "
+                                  "computed 0xFFD3E707: CRC MISMATCH"),
+              std::string::npos)
+        << checked.output;
+    EXPECT_NE(checked.output.find("line 2: size 1000: the line holds no block"), std::string::npos);
+
+    const auto sealed = tvoxsp("tuning seal " + bad);
+    ASSERT_EQ(sealed.status, 0);
+    EXPECT_EQ(sealed.output, "5,100,200,300,4292077319\n3,1," +
+                                 std::to_string(tvox::test::zlib_crc(std::vector<uint32_t>{3, 1})) +
+                                 "\n 3,7,1987764275\n");
+    const std::string good = folder_file("good.txt", sealed.output);
+    EXPECT_EQ(tvoxsp("tuning check " + good).status, 0);
+    EXPECT_EQ(tvoxsp("tuning delta " + good).status, 0);
+    EXPECT_EQ(tvoxsp("tuning params " + bad).status, 1);
+    EXPECT_EQ(tvoxsp("module on").status, 0);
+
+    const auto shown = tool("driver config 0xA1AF0D");
+    EXPECT_NE(shown.output.find("block 2 at word 8: size 3, 1 payload words, CRC 0x767AE033, "
+                                "computed 0x767AE033: ok"),
+              std::string::npos)
+        << shown.output;
+    const auto module = tool("driver");
+    EXPECT_NE(module.output.find("module: on (1 switch writes)"), std::string::npos);
+    EXPECT_NE(module.output.find("delta closings: 1, last value 0"), std::string::npos);
+    EXPECT_EQ(tvoxsp("tuning frobnicate " + good).status, 2);
+}
+
+} // namespace
