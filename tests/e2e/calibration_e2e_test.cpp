@@ -231,4 +231,23 @@ TEST_F(CalibrationE2eTest, ToolOutsideTheSimulatorSaysWhereToRunIt)
               std::string::npos);
 }
 
+// Two calibrations started at once in one simulator, as two processes on a phone: the second
+// cannot open the calibration's PCM while the first plays on it, and says so at once; the DSPs
+// still measure during the first one's silence.
+TEST_F(CalibrationE2eTest, TwoToolsAtOnceShareTheDeviceAsOnAPhone)
+{
+    const std::string tool = TVOXSP_TOOL_PATH;
+    const std::string first = sim_dir() + "/first", second = sim_dir() + "/second";
+    const auto both =
+        run_command("{ " + tool + " calibrate >" + first + " 2>/dev/null & sleep 0.5; " + tool +
+                    " calibrate >" + second + " 2>/dev/null; s=$?; wait $! && exit $s; }");
+    EXPECT_EQ(both.status, 0) << both.output;
+    const std::string busy = "Unable to open PCM device 100 (cannot open device 'tvoxsim:100,100': "
+                             "Device or resource busy)\n";
+    EXPECT_EQ(read_file(first).find(busy), std::string::npos) << read_file(first);
+    EXPECT_NE(read_file(second).find(busy), std::string::npos) << read_file(second);
+    EXPECT_TRUE(read_file(second).ends_with("calibration success\n"));
+    EXPECT_EQ(state().lock().stream(100, 100, false)->starts, 1u);
+}
+
 } // namespace
