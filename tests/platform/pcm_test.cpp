@@ -96,8 +96,8 @@ TEST_F(PcmSim, FailedOpensGiveANotReadyPcmWithTheReason)
     }
 }
 
-// A device plays one stream at a time: a second open while it plays fails at once with EBUSY,
-// in this process or another; a stopped stream, or one whose process ended, holds nothing.
+// A device plays one stream at a time: a second open while it plays fails at once with EBUSY;
+// a stopped stream, or one whose process ended, holds nothing.
 TEST_F(PcmSim, ABusyDeviceRefusesASecondOpenAtOnce)
 {
     pcm_config wanted = config(PCM_FORMAT_S16_LE);
@@ -113,15 +113,6 @@ TEST_F(PcmSim, ABusyDeviceRefusesASecondOpenAtOnce)
               "cannot open device 'tvoxsim:0,0': Device or resource busy");
     pcm_close(second);
     EXPECT_EQ(pcm_params_get(0, 0, PCM_OUT), nullptr);
-    const tvox::test::CommandResult aplay =
-        run_command("aplay -q -D tvoxsim:0,0 -f S16_LE -r 48000 -c 2 -d 1 /dev/zero");
-    EXPECT_NE(aplay.status, 0);
-    EXPECT_NE(aplay.output.find("busy"), std::string::npos) << aplay.output;
-    // Another device of the card is free.
-    pcm *other = pcm_open(0, 1, PCM_OUT, &again);
-    EXPECT_EQ(pcm_is_ready(other), 1) << pcm_get_error(other);
-    pcm_close(other);
-
     EXPECT_EQ(pcm_stop(first), 0);
     pcm *after_stop = pcm_open(0, 0, PCM_OUT, &again);
     EXPECT_EQ(pcm_is_ready(after_stop), 1) << pcm_get_error(after_stop);
