@@ -12,6 +12,7 @@
 #include <alsa/pcm_external.h>
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -336,6 +337,17 @@ int config_integer(snd_config_t *node, long &value)
     return *end ? -EINVAL : 0;
 }
 
+// A device plays one stream at a time, as hardware does. The record of a process that ended
+// while playing does not hold the device.
+bool device_busy(State &state, int card, int device)
+{
+    Session session = state.lock();
+    const PcmRecord *record = session.stream(card, device, false);
+    if (record == nullptr || record->running == 0 || record->pid == 0)
+        return false;
+    return kill(static_cast<pid_t>(record->pid), 0) == 0 || errno == EPERM;
+}
+
 int open_sink(snd_pcm_t **pcmp, const char *name, long card, long device, snd_pcm_stream_t stream,
               int mode)
 {
@@ -353,6 +365,8 @@ int open_sink(snd_pcm_t **pcmp, const char *name, long card, long device, snd_pc
     sink->state = State::open(State::dir_from_env(), err);
     if (!sink->state)
         return err;
+    if (device_busy(*sink->state, sink->card, sink->device))
+        return -EBUSY;
     sink->timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (sink->timer < 0)
         return -errno;

@@ -1,5 +1,8 @@
 #include "phone_paths.h"
 
+#include <unistd.h>
+
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +14,8 @@ namespace
 {
 
 // A prefix matches the folder itself or anything below it, never a sibling ("/odmx").
-constexpr const char *kPhoneRoots[] = {"/odm", "/sdcard", "/mnt/vendor/persist"};
+constexpr const char kPersistRoot[] = "/mnt/vendor/persist";
+constexpr const char *kPhoneRoots[] = {"/odm", "/sdcard", kPersistRoot};
 
 bool under_root(const char *path, const char *root)
 {
@@ -35,6 +39,17 @@ const char *map_phone_path(const char *path, char *out, std::size_t size)
         return written > 0 && static_cast<std::size_t>(written) < size ? out : nullptr;
     }
     return path;
+}
+
+bool persist_full(const char *path)
+{
+    const char *dir = std::getenv("TVOXSIM_DIR");
+    if (!path || !dir || !*dir || !under_root(path, kPersistRoot))
+        return false;
+    char marker[PATH_MAX];
+    const int written = std::snprintf(marker, sizeof marker, "%s/%s", dir, kPersistFullMarker);
+    return written > 0 && static_cast<std::size_t>(written) < sizeof marker &&
+           access(marker, F_OK) == 0;
 }
 
 } // namespace tvox::sim

@@ -12,4 +12,11 @@ namespace tvox::sim
 // for every other path.
 const char *map_phone_path(const char *path, char *out, std::size_t size);
 
+// A simulator folder holding this file has a full persist partition: every file opened for
+// writing under "/mnt/vendor/persist" is then "/dev/full" (writes fail with ENOSPC).
+inline constexpr const char kPersistFullMarker[] = "persist-full";
+
+// True when `path` is under "/mnt/vendor/persist" and the simulator's persist partition is full.
+bool persist_full(const char *path);
+
 } // namespace tvox::sim

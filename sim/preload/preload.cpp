@@ -1,6 +1,7 @@
 // LD_PRELOAD library of the simulator: the libc calls that name a file are redirected from the
 // phone's fixed paths into the simulator folder (phone_paths.h); every other path passes through
-// untouched. libtvoxsp.so knows nothing of it.
+// untouched. A full persist partition (phone_paths.h) turns what is opened there for writing into
+// "/dev/full". libtvoxsp.so knows nothing of it.
 //
 // Under AddressSanitizer the preload must come after the sanitizer runtime in LD_PRELOAD; the
 // runtime's interceptors then reach these functions as their "real" ones.
@@ -21,6 +22,7 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 namespace
 {
@@ -59,10 +61,24 @@ OpenAtFn real_openat64()
     return real;
 }
 
+constexpr const char kFullDevice[] = "/dev/full";
+
+// A full persist partition: what is opened there for writing is the full device.
+const char *persist_target(const char *path, bool writes)
+{
+    return writes && tvox::sim::persist_full(path) ? kFullDevice : path;
+}
+
+bool writes(const char *mode)
+{
+    return std::strpbrk(mode, "wa+") != nullptr;
+}
+
 int open_redirected(OpenAtFn real, int dirfd, const char *path, int flags, mode_t mode)
 {
     if (tvox::sim::driver::is_device_path(path))
         return tvox::sim::driver::node_open(flags);
+    path = persist_target(path, (flags & O_ACCMODE) != O_RDONLY);
     return with_path(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });
 }
 
@@ -148,12 +164,14 @@ int creat64(const char *path, mode_t mode)
 FILE *fopen(const char *path, const char *mode)
 {
     static const auto real = next<FILE *(*)(const char *, const char *)>("fopen");
+    path = persist_target(path, writes(mode));
     return with_path<FILE *>(path, nullptr, [&](const char *p) { return real(p, mode); });
 }
 
 FILE *fopen64(const char *path, const char *mode)
 {
     static const auto real = next<FILE *(*)(const char *, const char *)>("fopen64");
+    path = persist_target(path, writes(mode));
     return with_path<FILE *>(path, nullptr, [&](const char *p) { return real(p, mode); });
 }
 
@@ -163,6 +181,7 @@ FILE *freopen(const char *path, const char *mode, FILE *stream)
     static const auto real = next<FILE *(*)(const char *, const char *, FILE *)>("freopen");
     if (!path)
         return real(path, mode, stream);
+    path = persist_target(path, writes(mode));
     return with_path<FILE *>(path, nullptr, [&](const char *p) { return real(p, mode, stream); });
 }
 
@@ -171,6 +190,7 @@ FILE *freopen64(const char *path, const char *mode, FILE *stream)
     static const auto real = next<FILE *(*)(const char *, const char *, FILE *)>("freopen64");
     if (!path)
         return real(path, mode, stream);
+    path = persist_target(path, writes(mode));
     return with_path<FILE *>(path, nullptr, [&](const char *p) { return real(p, mode, stream); });
 }
 

@@ -61,6 +61,47 @@ bool header_matches(int fd)
            header.version == kLayoutVersion && header.size == sizeof(Layout);
 }
 
+// Bytes of value storage a control of this type and count takes (as Control::storage_size).
+uint64_t storage_bytes(Type type, uint32_t count)
+{
+    return type == Type::bytes ? count : uint64_t{count} * sizeof(int64_t);
+}
+
+bool terminated(const char (&name)[kNameMax])
+{
+    return std::memchr(name, '\0', kNameMax) != nullptr;
+}
+
+// The tables behind a valid header: every index, offset and name inside its table, and every
+// hash chain leading to earlier slots only (so no walk can loop or leave the file).
+bool tables_sound(const Layout &layout)
+{
+    const Header &header = layout.header;
+    if (header.slot_count > kMaxControls || header.pool_used > kPoolBytes)
+        return false;
+    for (const uint32_t head : layout.buckets)
+        if (head > header.slot_count)
+            return false;
+    for (uint32_t i = 0; i < header.slot_count; ++i) {
+        const ControlSlot &slot = layout.slots[i];
+        const bool known_type = slot.type >= Type::boolean && slot.type <= Type::bytes;
+        if (!known_type || slot.next > i || !terminated(slot.name) ||
+            slot.size != storage_bytes(slot.type, slot.count) || slot.offset > kPoolBytes ||
+            slot.size > kPoolBytes - slot.offset)
+            return false;
+    }
+    for (const SpeakerConfig &speaker : layout.speakers)
+        if (speaker.fault > SpeakerFault::f0_failure)
+            return false;
+    for (const RegisterFile &file : layout.registers)
+        if (file.count > kMaxRegisters)
+            return false;
+    for (const AgmInterface &intf : layout.interfaces)
+        if (!terminated(intf.name))
+            return false;
+    return true;
+}
+
 int init_layout(Layout &layout)
 {
     pthread_mutexattr_t attr;
@@ -221,7 +262,14 @@ std::unique_ptr<State> State::open(const std::string &dir, int &err)
         munmap(map, sizeof(Layout));
         return nullptr;
     }
-    return std::unique_ptr<State>(new State(dir, static_cast<Layout *>(map), journal));
+    std::unique_ptr<State> state(new State(dir, static_cast<Layout *>(map), journal));
+    // A damaged file is refused, not repaired: its values may still matter to whoever looks.
+    // Checked under the lock, as other processes change the tables.
+    if (!tables_sound(state->lock().layout())) {
+        err = -EUCLEAN;
+        return nullptr;
+    }
+    return state;
 }
 
 std::vector<std::string> State::journal_lines() const

@@ -97,7 +97,8 @@ class State
 {
   public:
     // Maps "<dir>/state", creating the folder and the file when missing and replacing a file
-    // made by a build with another layout. Null on failure with `err` set to -errno.
+    // made by a build with another layout. Null on failure with `err` set to -errno; -EUCLEAN
+    // for a file whose header is valid but whose tables are damaged (`tvoxsim init` replaces it).
     static std::unique_ptr<State> open(const std::string &dir, int &err);
     // $TVOXSIM_DIR, or /tmp/tvoxsim-<uid> when unset or empty.
     static std::string dir_from_env();

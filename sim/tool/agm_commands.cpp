@@ -1,5 +1,6 @@
 // Commands about streams and the AGM graph: streams, agm.
 #include "agm_graph.h"
+#include "catalogue.h"
 #include "command.h"
 #include "state.h"
 
@@ -51,6 +52,12 @@ int streams(std::span<char *const> args)
     return 0;
 }
 
+// The AGM card's back ends are the interfaces its catalogue gives controls to.
+bool known_backend(const char *name)
+{
+    return Catalogue::from_env().find(agm::kAgmCard, std::string(name) + " rate ch fmt") != nullptr;
+}
+
 int agm(std::span<char *const> args)
 {
     const bool set = args.size() == 3 && std::strcmp(args[0], "mfc") == 0;
@@ -58,6 +65,8 @@ int agm(std::span<char *const> args)
         return usage_error("agm", "expected: mfc INTERFACE on|off");
     if (set && std::strcmp(args[2], "on") != 0 && std::strcmp(args[2], "off") != 0)
         return usage_error("agm", "MFC is on or off");
+    if (set && !known_backend(args[1]))
+        return usage_error("agm", std::string("no such back end: ") + args[1]);
     const std::unique_ptr<State> state = open_state();
     if (!state)
         return exit_failure;

@@ -47,6 +47,9 @@ int usage_error(std::string_view command, std::string_view message);
 // The simulator folder: `dir` made absolute, or $TVOXSIM_DIR (or its default) when empty.
 std::string simulator_dir(std::string_view dir);
 
+// Why the simulator state did not open, from the -errno of State::open or Card::open.
+std::string state_error(int err);
+
 // The state of $TVOXSIM_DIR; null after printing why it does not open.
 std::unique_ptr<State> open_state();
 

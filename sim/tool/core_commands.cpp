@@ -44,7 +44,7 @@ int prepare(const std::string &dir)
         int err = 0;
         if (!Card::open(number, dir, catalogue, err)) {
             std::fprintf(stderr, "tvoxsim: cannot open the simulator in %s: %s\n", dir.c_str(),
-                         std::strerror(-err));
+                         state_error(err).c_str());
             return exit_failure;
         }
     }
@@ -125,6 +125,13 @@ int run(std::span<char *const> args)
     if (i >= args.size())
         return usage_error("run", "no command given");
     std::string dir = simulator_dir(dir_arg);
+    // A folder named on the command line is used only when it is a simulator already: a typo
+    // must not leave a new simulator behind.
+    if (std::error_code ec; !dir_arg.empty() && !std::filesystem::exists(dir + "/state", ec)) {
+        std::fprintf(stderr, "tvoxsim: %s is not a simulator folder (tvoxsim init %s makes one)\n",
+                     dir.c_str(), dir.c_str());
+        return exit_failure;
+    }
     if (int status = prepare(dir); status != 0)
         return status;
     // A folder that was never initialised gets its phone folder too; an existing one is kept.
@@ -192,7 +199,7 @@ int show(std::span<char *const> args)
         std::unique_ptr<Card> card = Card::open(number, dir, catalogue, err);
         if (!card) {
             std::fprintf(stderr, "tvoxsim: cannot open card %d in %s: %s\n", number, dir.c_str(),
-                         std::strerror(-err));
+                         state_error(err).c_str());
             return exit_failure;
         }
         std::printf("card %d\n", number);
@@ -214,12 +221,9 @@ int journal(std::span<char *const> args)
     bool clear = args.size() == 1 && std::strcmp(args[0], "--clear") == 0;
     if (args.size() > 1 || (args.size() == 1 && !clear))
         return usage_error("journal", "unknown argument");
-    int err = 0;
-    std::unique_ptr<State> state = State::open(simulator_dir(""), err);
-    if (!state) {
-        std::fprintf(stderr, "tvoxsim: cannot open the simulator: %s\n", std::strerror(-err));
+    std::unique_ptr<State> state = open_state();
+    if (!state)
         return exit_failure;
-    }
     if (clear)
         return state->clear_journal() == 0 ? 0 : exit_failure;
     for (const std::string &line : state->journal_lines())

@@ -3,6 +3,7 @@
 #include "state.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,9 +24,12 @@ std::vector<Command> &registry()
 
 int print_help(FILE *out)
 {
-    std::fprintf(out, "usage: tvoxsim COMMAND [ARGS...]\n\n"
-                      "The virtual amplifier pair: ALSA cards tvoxsim:0 (amplifiers) and "
-                      "tvoxsim:100 (AGM).\nThe simulator folder is $TVOXSIM_DIR.\n\nCommands:\n");
+    std::fprintf(out,
+                 "usage: tvoxsim COMMAND [ARGS...]\n\n"
+                 "The virtual amplifier pair: ALSA cards tvoxsim:0 (amplifiers) and "
+                 "tvoxsim:100 (AGM).\nThe simulator folder is $TVOXSIM_DIR, by default "
+                 "/tmp/tvoxsim-<uid> (now %s).\n\nCommands:\n",
+                 simulator_dir("").c_str());
     for (const Command &command : commands()) {
         std::string head = std::string(command.name) + " " + std::string(command.usage);
         std::fprintf(out, "  %-34s %.*s\n", head.c_str(), static_cast<int>(command.summary.size()),
@@ -68,12 +72,21 @@ std::string simulator_dir(std::string_view dir)
     return ec ? chosen : absolute.lexically_normal().string();
 }
 
+std::string state_error(int err)
+{
+    if (err == -EUCLEAN)
+        return "its state file is damaged (tvoxsim init makes a fresh one)";
+    return std::strerror(-err);
+}
+
 std::unique_ptr<State> open_state()
 {
     int err = 0;
-    std::unique_ptr<State> state = State::open(simulator_dir(""), err);
+    const std::string dir = simulator_dir("");
+    std::unique_ptr<State> state = State::open(dir, err);
     if (!state)
-        std::fprintf(stderr, "tvoxsim: cannot open the simulator: %s\n", std::strerror(-err));
+        std::fprintf(stderr, "tvoxsim: cannot open the simulator in %s: %s\n", dir.c_str(),
+                     state_error(err).c_str());
     return state;
 }
 

@@ -20,12 +20,17 @@ namespace
 constexpr std::string_view kSpeakerUsage = "T|B [--ohms R] [--f0 HZ] "
                                            "[--fault none|open|shorted|calibration|f0]";
 
-// A positive finite number, or nothing.
-std::optional<double> positive_number(const char *text)
+// Limits of the speaker the model can stand for: its CAL_R code must fit the DSP's word, and
+// its F0 lie in the audio band.
+constexpr double kMaxOhms = 1000;
+constexpr double kMaxF0Hz = 24000;
+
+// A finite number above 0 and at most `max`, or nothing.
+std::optional<double> positive_number(const char *text, double max)
 {
     char *end = nullptr;
     const double value = std::strtod(text, &end);
-    if (*text == '\0' || *end != '\0' || !std::isfinite(value) || value <= 0)
+    if (*text == '\0' || *end != '\0' || !std::isfinite(value) || value <= 0 || value > max)
         return std::nullopt;
     return value;
 }
@@ -56,10 +61,14 @@ int speaker(std::span<char *const> args)
             return usage_error("speaker", std::string(option) + " needs a value");
         const char *text = args[i + 1];
         if (option == "--ohms" || option == "--f0") {
-            const std::optional<double> number = positive_number(text);
+            const bool resistance = option == "--ohms";
+            const double max = resistance ? kMaxOhms : kMaxF0Hz;
+            const std::optional<double> number = positive_number(text, max);
             if (!number)
-                return usage_error("speaker", std::string(option) + " takes a positive number");
-            (option == "--ohms" ? config.resistance_ohm : config.f0_hz) = *number;
+                return usage_error("speaker", std::string(option) +
+                                                  " takes a number above 0 and at most " +
+                                                  std::to_string(static_cast<int>(max)));
+            (resistance ? config.resistance_ohm : config.f0_hz) = *number;
         } else if (option == "--fault") {
             const std::optional<SpeakerFault> fault = dsp::fault_from_name(text);
             if (!fault)

@@ -2,6 +2,7 @@
 // the active context, so a HAL can install back-ends of its own.
 #include "calibration/results.h"
 #include "mixer/control.h"
+#include "storage/file_replacement.h"
 #include "tvoxsp.h"
 #include "util/fatal.h"
 #include "util/file_handle.h"
@@ -12,16 +13,19 @@
 
 extern "C" int32_t tervox_default_fwrite(uint32_t *values, size_t count, const char *path)
 {
-    const tvox::FileHandle file(std::fopen(path, "wb+"));
-    if (!file) {
+    tvox::FileReplacement file(path, "wb+");
+    if (!file.stream()) {
         tvox::log_tervox(tvox::Priority::error, "can't open %s \n", path);
         return -1;
     }
-    // One word written is enough: a short write still leaves channel 0 usable.
-    const size_t written = std::fwrite(values, sizeof(uint32_t), count, file.get());
-    if (written < 1)
+    // Nothing to write still leaves an empty file, and counts as a failure.
+    const size_t written = std::fwrite(values, sizeof(uint32_t), count, file.stream());
+    const bool stored = file.commit();
+    if (written < 1 || !stored) {
         tvox::log_tervox(tvox::Priority::error, "can't write CAL_R to persist slot!\n");
-    return written < 1 ? -1 : 0;
+        return -1;
+    }
+    return 0;
 }
 
 extern "C" int32_t tervox_default_fread(uint32_t *values, size_t count, const char *path)
@@ -43,16 +47,17 @@ extern "C" int32_t tervox_default_fread(uint32_t *values, size_t count, const ch
 
 extern "C" int32_t tervox_ascii_fwrite(uint32_t *values, size_t count, const char *path)
 {
-    const tvox::FileHandle file(std::fopen(path, "w"));
-    if (!file) {
-        tvox::log_tervox(tvox::Priority::error, "can't open %s \n", path);
-        return -1;
-    }
-    for (size_t i = 0; i < count; ++i) {
+    tvox::FileReplacement file(path, "w");
+    for (size_t i = 0; file.stream() && i < count; ++i) {
         const char *name = tvox::checked_at(self->channel_name, i);
-        std::fprintf(file.get(), "CH[%d] %s : %d (%4.2f)\n", static_cast<int>(i),
+        std::fprintf(file.stream(), "CH[%d] %s : %d (%4.2f)\n", static_cast<int>(i),
                      tvox::printable(name), static_cast<int>(values[i]),
                      tvox::cal_r_ohms(values[i]));
+    }
+    // The text file has one failure message, for a file it could not open or not store.
+    if (!file.commit()) {
+        tvox::log_tervox(tvox::Priority::error, "can't open %s \n", path);
+        return -1;
     }
     return 0;
 }

@@ -161,4 +161,92 @@ TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
         EXPECT_EQ(run_command(tool + bad + " 2>/dev/null").status, 2) << bad;
 }
 
+// The tool's standard output (the library logs to standard error on a host) and exit status.
+tvox::test::CommandResult tvoxsp(const std::string &arguments)
+{
+    return tvox::test::SimTest::run_command("{ " + std::string(TVOXSP_TOOL_PATH) + " " + arguments +
+                                            " 2>/dev/null; }");
+}
+
+TEST_F(CalibrationE2eTest, ToolReadsBackWhatWasStoredAndFailsWhenStoringFailed)
+{
+    set_speaker_raw(0, 8672);
+    set_speaker_raw(1, 7692);
+    std::ofstream(persist_ / "tvox_calr.bin", std::ios::binary) << words_bytes({7000, 7001});
+    ASSERT_EQ(tool("persist full").status, 0);
+    // The library's own result is success: the tool finds the previous file and says so.
+    const auto full = tvoxsp("calibrate");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.output.find("calibration success\n"), std::string::npos) << full.output;
+    EXPECT_NE(full.output.find("storing failed: CH[0] T measured CAL_R 8672, "
+                               "/mnt/vendor/persist/audio/tvox_calr.bin holds 7000\n"),
+              std::string::npos)
+        << full.output;
+    EXPECT_EQ(read_file(persist_ / "tvox_calr.bin"), words_bytes({7000, 7001}));
+
+    // With room again a run stores what it measured; the diagnostic prints every speaker's F0.
+    ASSERT_EQ(tool("persist normal").status, 0);
+    set_speaker_raw(1, 7692, SpeakerFault::none, 790);
+    const auto diagnosis = tvoxsp("diagnose");
+    EXPECT_EQ(diagnosis.status, 0);
+    EXPECT_NE(diagnosis.output.find("CH[0] T F0 = 800 Hz (status 2)\nCH[1] B F0 = 790 Hz (status "
+                                    "2)\n"),
+              std::string::npos)
+        << diagnosis.output;
+    EXPECT_EQ(read_file(persist_ / "tvox_calr.bin"), words_bytes({8672, 7692}));
+    EXPECT_EQ(read_file(persist_ / "tvox_f0.bin"), words_bytes({8672, 7692}));
+}
+
+TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
+{
+    set_speaker_raw(0, 8672, SpeakerFault::shorted);
+    set_speaker_raw(1, 7692, SpeakerFault::calibration_failure);
+    const auto calibration = tvoxsp("calibrate");
+    EXPECT_EQ(calibration.status, 1);
+    // After the library's report (its playback prints the back end's format first).
+    const std::string failures = "calibration failed\n"
+                                 "CH[0] T failed: CAL_R 140 out of range [8000 - 12000]\n"
+                                 "CH[1] B failed: calibration status 4, CAL_R 7692\n";
+    EXPECT_TRUE(calibration.output.ends_with(failures)) << calibration.output;
+    set_speaker_raw(0, 8672);
+    set_speaker_raw(1, 7692, SpeakerFault::f0_failure);
+    const auto diagnosis = tvoxsp("diagnose");
+    EXPECT_EQ(diagnosis.status, 1);
+    EXPECT_NE(diagnosis.output.find("CH[1] B failed: F0 status 1, F0 800 Hz\n"), std::string::npos)
+        << diagnosis.output;
+    // Nothing was stored by either run, so there is no calibration to report.
+    EXPECT_EQ(tvoxsp("report").status, 1);
+}
+
+TEST_F(CalibrationE2eTest, ToolOutsideTheSimulatorSaysWhereToRunIt)
+{
+    const std::string errors = sim_dir() + "/errors";
+    const auto outside =
+        run_command("{ TINYALSA_CARD_0=tvoxsp_test_no_such_card " + std::string(TVOXSP_TOOL_PATH) +
+                    " calibrate 2>" + errors + "; }");
+    EXPECT_EQ(outside.status, 1);
+    EXPECT_EQ(outside.output, "");
+    EXPECT_NE(read_file(errors).find("tvoxsp: no card 0: run it on the device or inside tvoxsim\n"),
+              std::string::npos);
+}
+
+// Two calibrations started at once in one simulator, as two processes on a phone: the second
+// cannot open the calibration's PCM while the first plays on it, and says so at once; the DSPs
+// still measure during the first one's silence.
+TEST_F(CalibrationE2eTest, TwoToolsAtOnceShareTheDeviceAsOnAPhone)
+{
+    const std::string tool = TVOXSP_TOOL_PATH;
+    const std::string first = sim_dir() + "/first", second = sim_dir() + "/second";
+    const auto both =
+        run_command("{ " + tool + " calibrate >" + first + " 2>/dev/null & sleep 0.5; " + tool +
+                    " calibrate >" + second + " 2>/dev/null; s=$?; wait $! && exit $s; }");
+    EXPECT_EQ(both.status, 0) << both.output;
+    const std::string busy = "Unable to open PCM device 100 (cannot open device 'tvoxsim:100,100': "
+                             "Device or resource busy)\n";
+    EXPECT_EQ(read_file(first).find(busy), std::string::npos) << read_file(first);
+    EXPECT_NE(read_file(second).find(busy), std::string::npos) << read_file(second);
+    EXPECT_TRUE(read_file(second).ends_with("calibration success\n"));
+    EXPECT_EQ(state().lock().stream(100, 100, false)->starts, 1u);
+}
+
 } // namespace

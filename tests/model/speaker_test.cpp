@@ -19,8 +19,10 @@ TEST_F(SpeakerToolTest, SpeakerSetsOnlyWhatItIsGivenAndSpeakersShowsIt)
     EXPECT_EQ(run.output, "T: speaker 6.20 ohm (CAL_R 8672), F0 913 Hz, fault open\n");
     EXPECT_EQ(journal_lines().back(), "speaker T 6.20 ohm f0 913 Hz fault open");
 
-    for (const char *bad : {"speaker X", "speaker T --ohms abc", "speaker T --fault melted",
-                            "speaker B --ohms 7 --fault"}) {
+    for (const char *bad :
+         {"speaker X", "speaker T --ohms abc", "speaker T --fault melted",
+          "speaker B --ohms 7 --fault", "speaker B --ohms 1e300", "speaker B --ohms 0",
+          "speaker B --f0 24001", "speaker B --f0 -800", "speaker B --f0 8x", "speaker B --f0"}) {
         const tvox::test::CommandResult refused = tool(bad);
         EXPECT_EQ(refused.status, 2) << bad;
         EXPECT_NE(refused.output.find("usage: tvoxsim speaker"), std::string::npos) << bad;

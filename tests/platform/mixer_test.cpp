@@ -19,6 +19,7 @@ namespace
 constexpr const char *stereo_switch = "SPK AMP Enable Switch";
 constexpr const char *stereo_volume = "SPK Digital PCM Volume";
 constexpr const char *source = "T PCM Source";
+constexpr const char *stereo_source = "SPK PCM Source";
 constexpr const char *plain_bytes = "T DSP1 Protection 5f210 CH_BAL";
 constexpr const char *tlv_bytes = "T DSP1 Protection cd RTLOG_VARIABLE";
 
@@ -47,15 +48,34 @@ TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
     EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_switch), 0), 1);
     EXPECT_EQ(mixer_ctl_get_value(ctl(stereo_switch), 1), 0);
     amixer_set(stereo_volume, "12,913");
-    int volumes[2] = {};
+    long volumes[2] = {};
     ASSERT_EQ(mixer_ctl_get_array(ctl(stereo_volume), volumes, 2), 0);
-    EXPECT_EQ(std::vector<int>(volumes, volumes + 2), (std::vector<int>{12, 913}));
+    EXPECT_EQ(std::vector<long>(volumes, volumes + 2), (std::vector<long>{12, 913}));
     amixer_set(source, "Zero");
     EXPECT_EQ(mixer_ctl_get_value(ctl(source), 0), 3);
     amixer_set(plain_bytes, "0x01,0x80,0x7f,0xfe");
     uint8_t read[4] = {};
     ASSERT_EQ(mixer_ctl_get_array(ctl(plain_bytes), read, 3), 0);
     EXPECT_EQ(std::vector<uint8_t>(read, read + 4), (std::vector<uint8_t>{1, 0x80, 0x7f, 0}));
+}
+
+// Arrays of BOOL and INT controls are of `long` elements, and an item set by name goes to
+// value 0 while every other value becomes 0, as tinyalsa does on a phone.
+TEST_F(MixerSim, ArraysAreOfLongsAndAnItemByNameClearsTheOtherValues)
+{
+    const long volumes[2] = {913, 12};
+    ASSERT_EQ(mixer_ctl_set_array(ctl(stereo_volume), volumes, 2), 0);
+    EXPECT_EQ(amixer_values(0, stereo_volume), "913,12");
+    const long switches[2] = {0, 1};
+    ASSERT_EQ(mixer_ctl_set_array(ctl(stereo_switch), switches, 2), 0);
+    EXPECT_EQ(amixer_values(0, stereo_switch), "off,on");
+    long read[3] = {-1, -1, -1};
+    ASSERT_EQ(mixer_ctl_get_array(ctl(stereo_switch), read, 2), 0);
+    EXPECT_EQ(std::vector<long>(read, read + 3), (std::vector<long>{0, 1, -1}));
+
+    EXPECT_EQ(amixer_values(0, stereo_source), "0,1");
+    ASSERT_EQ(mixer_ctl_set_enum_by_string(ctl(stereo_source), "DSP"), 0);
+    EXPECT_EQ(amixer_values(0, stereo_source), "2,0");
 }
 
 TEST_F(MixerSim, ControlsAreDescribedAndWhatDoesNotExistIsNotFound)

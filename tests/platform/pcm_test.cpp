@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -91,6 +94,41 @@ TEST_F(PcmSim, FailedOpensGiveANotReadyPcmWithTheReason)
         setenv("TINYALSA_CARD_9", name, 1);
         EXPECT_EQ(failure(9, 4), reason);
     }
+}
+
+// A device plays one stream at a time: a second open while it plays fails at once with EBUSY;
+// a stopped stream, or one whose process ended, holds nothing.
+TEST_F(PcmSim, ABusyDeviceRefusesASecondOpenAtOnce)
+{
+    pcm_config wanted = config(PCM_FORMAT_S16_LE);
+    pcm *first = pcm_open(0, 0, PCM_OUT, &wanted);
+    ASSERT_EQ(pcm_is_ready(first), 1) << pcm_get_error(first);
+    const std::vector<int16_t> samples(2048 * 2, 0);
+    ASSERT_EQ(pcm_write(first, samples.data(), pcm_frames_to_bytes(first, 2048)), 0);
+
+    pcm_config again = config(PCM_FORMAT_S16_LE);
+    pcm *second = pcm_open(0, 0, PCM_OUT, &again);
+    EXPECT_EQ(pcm_is_ready(second), 0);
+    EXPECT_EQ(std::string(pcm_get_error(second)),
+              "cannot open device 'tvoxsim:0,0': Device or resource busy");
+    pcm_close(second);
+    EXPECT_EQ(pcm_params_get(0, 0, PCM_OUT), nullptr);
+    EXPECT_EQ(pcm_stop(first), 0);
+    pcm *after_stop = pcm_open(0, 0, PCM_OUT, &again);
+    EXPECT_EQ(pcm_is_ready(after_stop), 1) << pcm_get_error(after_stop);
+    pcm_close(after_stop);
+    pcm_close(first);
+
+    // A player that died while playing.
+    const pid_t gone = fork();
+    if (gone == 0)
+        _exit(0);
+    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    record_stream(tvox::sim::now_ns(), 0, 0.0);
+    state().lock().stream(0, 0, false)->pid = static_cast<uint32_t>(gone);
+    pcm *after_death = pcm_open(0, 0, PCM_OUT, &again);
+    EXPECT_EQ(pcm_is_ready(after_death), 1) << pcm_get_error(after_death);
+    pcm_close(after_death);
 }
 
 } // namespace

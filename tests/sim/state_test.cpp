@@ -19,6 +19,7 @@ using tvox::sim::Card;
 using tvox::sim::Session;
 using tvox::sim::State;
 using tvox::sim::Value;
+using tvox::test::CommandResult;
 
 class StateTest : public tvox::test::SimTest
 {
@@ -67,6 +68,58 @@ TEST_F(StateTest, StaleOrForeignFilesAreReplacedNotMisread)
     overwrite(O_TRUNC, 0, "hello", 5);
     EXPECT_EQ(write_mode(2), 1);
     EXPECT_EQ(fresh_mode(), (std::vector<long>{2}));
+}
+
+// A valid header over damaged tables: refused with a clear error by every process that opens
+// it, never followed out of the file, and replaced by `tvoxsim init`.
+TEST_F(StateTest, DamagedTablesAreRefusedUntilInitMakesAFreshFile)
+{
+    using tvox::sim::ControlSlot;
+    using tvox::sim::Layout;
+    const auto word = [](uint64_t value, size_t size) {
+        return std::string(reinterpret_cast<const char *>(&value), size);
+    };
+    const size_t slot0 = offsetof(Layout, slots);
+    const struct {
+        const char *what;
+        size_t offset;
+        std::string bytes;
+    } damages[] = {
+        {"slot count", offsetof(Layout, header.slot_count), word(tvox::sim::kMaxControls + 1, 4)},
+        {"pool used", offsetof(Layout, header.pool_used), word(tvox::sim::kPoolBytes + 1, 8)},
+        {"buckets", offsetof(Layout, buckets), std::string(sizeof(Layout::buckets), '\xff')},
+        {"chain loop", slot0 + offsetof(ControlSlot, next), word(1, 4)},
+        {"value offset", slot0 + offsetof(ControlSlot, offset), word(tvox::sim::kPoolBytes, 8)},
+        {"value size", slot0 + offsetof(ControlSlot, size), word(12, 4)},
+        {"type", slot0 + offsetof(ControlSlot, type), word(9, 4)},
+        {"name", slot0 + offsetof(ControlSlot, name), std::string(tvox::sim::kNameMax, 'x')},
+        {"fault", offsetof(Layout, speakers) + offsetof(tvox::sim::SpeakerConfig, fault),
+         word(99, 4)},
+    };
+    const std::string path = sim_dir() + "/state";
+    for (const auto &damage : damages) {
+        ASSERT_EQ(tool("init").status, 0) << damage.what;
+        ASSERT_EQ(amixer(0, "cget name='T DSP Mode'").status, 0) << damage.what;
+        const int fd = open(path.c_str(), O_WRONLY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(
+            pwrite(fd, damage.bytes.data(), damage.bytes.size(), static_cast<off_t>(damage.offset)),
+            static_cast<ssize_t>(damage.bytes.size()));
+        close(fd);
+
+        int err = 0;
+        EXPECT_FALSE(State::open(sim_dir(), err)) << damage.what;
+        EXPECT_EQ(err, -EUCLEAN) << damage.what;
+        const CommandResult show = tool("show 0");
+        EXPECT_EQ(show.status, 1) << damage.what;
+        EXPECT_EQ(show.output, "tvoxsim: cannot open card 0 in " + sim_dir() +
+                                   ": its state file is damaged (tvoxsim init makes a fresh one)\n")
+            << damage.what;
+        const CommandResult listing = amixer(0, "contents");
+        EXPECT_EQ(listing.status, 1) << damage.what << listing.output;
+    }
+    ASSERT_EQ(tool("init").status, 0);
+    EXPECT_EQ(fresh_mode(), (std::vector<long>{1}));
 }
 
 TEST_F(StateTest, ConcurrentProcessesNeitherLoseUpdatesNorTearJournalLines)

@@ -25,7 +25,14 @@ TEST_F(ToolTest, EnvAndRunPutCommandsInsideTheSimulator)
     // Last, the preload that maps the phone paths.
     EXPECT_EQ(env.output.substr(cards.size()).rfind("export LD_PRELOAD='/", 0), 0u) << env.output;
 
+    // A folder that is not a simulator is refused, not silently made one.
     std::string other = sim_dir() + "/it's here";
+    const CommandResult refused = tool("run --dir \"" + other + "\" -- true");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "tvoxsim: " + other + " is not a simulator folder (tvoxsim init " +
+                                  other + " makes one)\n");
+    EXPECT_FALSE(std::filesystem::exists(other));
+    ASSERT_EQ(tool("init \"" + other + "\"").status, 0);
     CommandResult run = tool("run --dir \"" + other +
                              "\" -- sh -c 'echo $TVOXSIM_DIR; amixer -D $TINYALSA_CARD_0 cset "
                              "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
@@ -52,6 +59,24 @@ TEST_F(ToolTest, ShowJournalAndInitReportAndResetTheStateOrSayWhyNot)
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.output.find("no such card: x"), std::string::npos) << bad.output;
     EXPECT_EQ(tool("init /proc/forbidden").status, 1);
+}
+
+TEST_F(ToolTest, HelpNamesTheDefaultFolderAndAgmTakesOnlyKnownBackEnds)
+{
+    const CommandResult help = tool("--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.output.find("The simulator folder is $TVOXSIM_DIR, by default "
+                               "/tmp/tvoxsim-<uid> (now " +
+                               sim_dir() + ")."),
+              std::string::npos)
+        << help.output;
+
+    EXPECT_EQ(tool("agm mfc TDM-LPAIF-RX-SECONDARY off").status, 0);
+    const CommandResult unknown = tool("agm mfc TDM-LPAIF-RX-SECUNDARY off");
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_EQ(unknown.output.rfind("tvoxsim: no such back end: TDM-LPAIF-RX-SECUNDARY\n", 0), 0u)
+        << unknown.output;
+    EXPECT_EQ(tool("agm").output, "interface TDM-LPAIF-RX-SECONDARY mfc off\n");
 }
 
 } // namespace

@@ -37,19 +37,107 @@ class Session
     struct tervox ctx_ = {};
 };
 
-// Runs a calibration (or the diagnostic) and prints the library's report of it.
+// What the library returns when card 0's mixer does not open.
+constexpr int32_t kNoMixer = -22;
+
+// The applier opens card 0's mixer even with nothing to apply, and changes nothing.
+bool card0_opens()
+{
+    if (tervox_cal_apply(nullptr, 0) != kNoMixer)
+        return true;
+    std::fprintf(stderr, "tvoxsp: no card 0: run it on the device or inside tvoxsim\n");
+    return false;
+}
+
+size_t channel_count(const struct tervox &ctx)
+{
+    return static_cast<size_t>(std::clamp<int32_t>(ctx.num_channels, 0, TERVOX_MAX_CHANNELS));
+}
+
+const char *channel_name(const struct tervox &ctx, size_t ch)
+{
+    return ctx.channel_name[ch] ? ctx.channel_name[ch] : "?";
+}
+
+// The run's result says only which check failed; this says for which speaker and why, by the
+// same rules: a status of 1 or 3, CAL_R within a range whose bounds are set, F0 status 2.
+void print_failures(const struct tervox &ctx, bool diagnostic)
+{
+    for (size_t ch = 0; ch < channel_count(ctx); ++ch) {
+        const tervox_cal_record &record = ctx.cal[ch];
+        const tervox_cal_r_range &range = ctx.cal_r_range[ch];
+        const char *name = channel_name(ctx, ch);
+        const auto cal_r = static_cast<uint32_t>(record.cal_r); // the range is unsigned
+        if (diagnostic && record.f0_status != 2)
+            std::printf("CH[%zu] %s failed: F0 status %u, F0 %d Hz\n", ch, name, record.f0_status,
+                        static_cast<int>(record.f0));
+        if ((record.status | 2) != 3)
+            std::printf("CH[%zu] %s failed: calibration status %u, CAL_R %d\n", ch, name,
+                        record.status, static_cast<int>(record.cal_r));
+        if (range.min != 0 && range.max != 0 && (cal_r < range.min || cal_r > range.max))
+            std::printf("CH[%zu] %s failed: CAL_R %d out of range [%u - %u]\n", ch, name,
+                        static_cast<int>(record.cal_r), range.min, range.max);
+    }
+}
+
+// Reads back the files a successful run stored and compares them with what was measured: the
+// run's result is success even when the persist partition took nothing.
+bool stored_as_measured(const struct tervox &ctx, bool diagnostic)
+{
+    struct StoredFile {
+        const char *path;
+        int32_t (*read)(uint32_t *values, size_t count);
+    };
+    // The diagnostic stores the measured CAL_R words in the F0 file too.
+    const std::array files = {StoredFile{ctx.cal_bin_path, tervox_cal_fread},
+                              StoredFile{ctx.f0_path, tervox_f0_fread}};
+    const size_t count = channel_count(ctx);
+    bool ok = true;
+    for (const StoredFile &file : std::span(files).first(diagnostic ? 2 : 1)) {
+        std::array<uint32_t, TERVOX_MAX_CHANNELS> stored{};
+        if (file.read(stored.data(), count) == -1) {
+            std::printf("storing failed: nothing can be read back from %s\n", file.path);
+            ok = false;
+            continue;
+        }
+        for (size_t ch = 0; ch < count; ++ch) {
+            if (static_cast<int32_t>(stored[ch]) == ctx.cal[ch].cal_r)
+                continue;
+            std::printf("storing failed: CH[%zu] %s measured CAL_R %d, %s holds %d\n", ch,
+                        channel_name(ctx, ch), static_cast<int>(ctx.cal[ch].cal_r), file.path,
+                        static_cast<int>(stored[ch]));
+            ok = false;
+        }
+    }
+    return ok;
+}
+
+// Runs a calibration (or the diagnostic), prints the library's report of it and checks that what
+// was measured is what got stored.
 int run_measurement(bool diagnostic)
 {
     Session session;
     struct tervox &ctx = session.context();
+    if (!card0_opens())
+        return kFailed;
     ctx.diag_mode = diagnostic ? 1 : 0;
     const int32_t ret = ctx.run_calibration();
+    if (ret == kNoMixer && !card0_opens())
+        return kFailed;
     std::array<char, 1024> report{};
     ctx.str_format_out(report.data(), report.size());
     std::fputs(report.data(), stdout);
+    for (size_t ch = 0; diagnostic && ch < channel_count(ctx); ++ch)
+        std::printf("CH[%zu] %s F0 = %d Hz (status %u)\n", ch, channel_name(ctx, ch),
+                    static_cast<int>(ctx.cal[ch].f0), ctx.cal[ch].f0_status);
+    const char *what = diagnostic ? "diagnostic" : "calibration";
     if (ret != 0) {
-        std::fprintf(stderr, "tvoxsp: %s failed with code %d\n",
-                     diagnostic ? "diagnostic" : "calibration", static_cast<int>(ret));
+        print_failures(ctx, diagnostic);
+        std::fprintf(stderr, "tvoxsp: %s failed with code %d\n", what, static_cast<int>(ret));
+        return kFailed;
+    }
+    if (!stored_as_measured(ctx, diagnostic)) {
+        std::fprintf(stderr, "tvoxsp: %s measured, but storing it failed\n", what);
         return kFailed;
     }
     return 0;
@@ -71,9 +159,16 @@ int report(Args args)
     if (!args.empty() && !f0)
         return kUsage;
     Session session;
+    struct tervox &ctx = session.context();
     // The stored F0 values are part of the report in diagnostic mode.
-    session.context().diag_mode = f0 ? 1 : 0;
+    ctx.diag_mode = f0 ? 1 : 0;
+    std::array<uint32_t, TERVOX_MAX_CHANNELS> stored{};
+    const bool calibrated = tervox_cal_fread(stored.data(), channel_count(ctx)) != -1;
     tervox_cal_fread_and_check();
+    if (!calibrated) {
+        std::fprintf(stderr, "tvoxsp: no stored calibration in %s\n", ctx.cal_bin_path);
+        return kFailed;
+    }
     return 0;
 }
 

@@ -138,8 +138,9 @@ int set_agm_device_media_config(struct mixer *mixer, char *intf_name, struct dev
     mixer_ctl *ctl = mixer_get_ctl_by_name(mixer, intf_control(intf_name, "rate ch fmt").c_str());
     if (ctl == nullptr)
         return -ENOENT;
-    const int values[] = {static_cast<int>(config->rate), static_cast<int>(config->ch),
-                          static_cast<int>(config->bits), static_cast<int>(config->format)};
+    // An INT control's array is of `long` elements.
+    const long values[] = {static_cast<long>(config->rate), static_cast<long>(config->ch),
+                           static_cast<long>(config->bits), static_cast<long>(config->format)};
     return mixer_ctl_set_array(ctl, values, std::size(values));
 }
 

@@ -131,7 +131,7 @@ bool is_tlv_rw(const snd_ctl_elem_info_t *info)
 enum class ArrayPath { refused, tlv, values };
 
 // How an array call moves `count` units: a TLV container of at most the control's size plus its
-// header, or plain values (ints of a BOOL or INT control, bytes of a BYTE one) of at most the
+// header, or plain values (longs of a BOOL or INT control, bytes of a BYTE one) of at most the
 // control's count.
 ArrayPath array_path(const snd_ctl_elem_info_t *info, const void *array, size_t count)
 {
@@ -427,9 +427,10 @@ int mixer_ctl_get_array(struct mixer_ctl *ctl, void *array, size_t count)
         std::memcpy(array, snd_ctl_elem_value_get_bytes(value.get()), count);
         return 0;
     }
-    auto *ints = static_cast<int *>(array);
+    // BOOL and INT elements are the kernel's `long` values, as tinyalsa hands them over.
+    auto *longs = static_cast<long *>(array);
     for (size_t i = 0; i < count; ++i)
-        ints[i] = static_cast<int>(snd_ctl_elem_value_get_integer(value.get(), i));
+        longs[i] = snd_ctl_elem_value_get_integer(value.get(), i);
     return 0;
 }
 
@@ -449,12 +450,12 @@ int mixer_ctl_set_array(struct mixer_ctl *ctl, const void *array, size_t count)
     if (type == SND_CTL_ELEM_TYPE_BYTES) {
         snd_ctl_elem_set_bytes(value.get(), const_cast<void *>(array), count);
     } else {
-        const auto *ints = static_cast<const int *>(array);
+        const auto *longs = static_cast<const long *>(array);
         for (size_t i = 0; i < count; ++i) {
             if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
-                snd_ctl_elem_value_set_boolean(value.get(), i, ints[i] != 0 ? 1 : 0);
+                snd_ctl_elem_value_set_boolean(value.get(), i, longs[i] != 0 ? 1 : 0);
             else
-                snd_ctl_elem_value_set_integer(value.get(), i, ints[i]);
+                snd_ctl_elem_value_set_integer(value.get(), i, longs[i]);
         }
     }
     return write_value(ctl, value.get());
@@ -468,9 +469,10 @@ int mixer_ctl_set_enum_by_string(struct mixer_ctl *ctl, const char *string)
     for (size_t item = 0; item < names->size(); ++item) {
         if ((*names)[item] != std::string_view(string))
             continue;
-        ValuePtr value;
-        if (int err = read_value(ctl, ctl->info.get(), value); err < 0)
-            return err;
+        // tinyalsa writes the item to value 0 and 0 to every other value.
+        ValuePtr value = new_value(ctl->info.get());
+        if (!value)
+            return -ENOMEM;
         snd_ctl_elem_value_set_enumerated(value.get(), 0, static_cast<unsigned int>(item));
         return write_value(ctl, value.get());
     }

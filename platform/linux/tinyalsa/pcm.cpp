@@ -296,10 +296,15 @@ struct pcm *pcm_open(unsigned int card, unsigned int device, unsigned int flags,
         return bad_pcm("invalid configuration for device", name, -EINVAL);
     const tinyalsa::QuietAlsa quiet;
     snd_pcm_t *raw = nullptr;
-    if (int err = snd_pcm_open(&raw, name.c_str(), stream_of(flags), 0); err < 0)
+    // As tinyalsa opens the device node: without blocking, so that a device in use fails at once
+    // with EBUSY, and blocking again for the transfers.
+    if (int err = snd_pcm_open(&raw, name.c_str(), stream_of(flags), SND_PCM_NONBLOCK); err < 0)
+        return bad_pcm("cannot open device", name, err);
+    PcmPtr handle(raw);
+    if (int err = snd_pcm_nonblock(handle.get(), 0); err < 0)
         return bad_pcm("cannot open device", name, err);
 
-    auto *result = new pcm{PcmPtr(raw), flags, *config, 0, {}};
+    auto *result = new pcm{std::move(handle), flags, *config, 0, {}};
     int err = set_hw_params(*result, result->config);
     if (err < 0) {
         delete result;

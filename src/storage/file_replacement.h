@@ -1,0 +1,34 @@
+// Writing a calibration file so that a failing persist partition never costs the previous one:
+// the new contents go to a file beside it, are flushed and synced, and only then renamed into
+// place. Where the folder takes no new file, the file is rewritten in place instead.
+#pragma once
+
+#include "util/file_handle.h"
+
+#include <string>
+
+namespace tvox
+{
+
+class FileReplacement
+{
+  public:
+    // Opens the stream that will become `path`, with the fopen `mode` ("w", "wb+"). An existing
+    // file that cannot be opened for writing fails as fopen would, and stays as it is.
+    FileReplacement(const char *path, const char *mode);
+
+    // Null when the open failed.
+    std::FILE *stream() const { return file_.get(); }
+
+    // Flushes, syncs, closes and puts the file in place. False on any I/O failure (a write
+    // error on the stream, the flush, the sync or the close): the previous file is then whole,
+    // unless the write was made in place.
+    bool commit();
+
+  private:
+    std::string path_;
+    std::string temp_; // empty when writing in place
+    FileHandle file_;
+};
+
+} // namespace tvox
