@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -115,9 +116,9 @@ TEST_F(MixerSim, RefusedCallsChangeNothing)
 // A TLV container as the caller builds it: {tag, length} and then `payload`.
 std::vector<uint8_t> container(uint32_t length, const std::vector<uint8_t> &payload)
 {
-    std::vector<uint8_t> result(8);
+    std::vector<uint8_t> result(8 + payload.size());
     std::memcpy(result.data() + 4, &length, 4);
-    result.insert(result.end(), payload.begin(), payload.end());
+    std::copy(payload.begin(), payload.end(), result.begin() + 8);
     return result;
 }
 
