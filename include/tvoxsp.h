@@ -9,6 +9,7 @@
 #include "tvoxsp/context.h"
 #include "tvoxsp/mixer.h"
 #include "tvoxsp/playback.h"
+#include "tvoxsp/regtools.h"
 #include "tvoxsp/storage.h"
 #include "tvoxsp/util.h"
 
