@@ -337,8 +337,10 @@ class DspModel : public Model
     int on_write(Session &session, const Control &control, Value value) override
     {
         const auto target = channel_control(control);
-        if (target)
-            live::on_write(session, target->first, target->second, value);
+        if (target) {
+            if (int err = live::on_write(session, target->first, target->second, value); err != 0)
+                return err;
+        }
         if (int err = Model::on_write(session, control, value); err != 0)
             return err;
         if (!target || value.numbers.empty())

@@ -3,6 +3,7 @@
 #include "dsp_model.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 
@@ -201,19 +202,28 @@ ChannelLive report(Session &session, unsigned channel)
     return follow(session, channel);
 }
 
-void on_write(Session &session, unsigned channel, std::string_view suffix, Value value)
+int on_write(Session &session, unsigned channel, std::string_view suffix, Value value)
 {
     // The coil is followed up to every change of what drives it, so each span is integrated at
     // the power it really had.
     const ChannelLive live = follow(session, channel);
+    if (suffix.starts_with("DSP1 Protection cd ") && !live.firmware_running)
+        return -EBUSY;
     if (suffix == "DSP1 Boot Switch" && !value.numbers.empty() && value.numbers[0] != 0) {
         restart_firmware(session, channel);
     } else if (suffix == "AMP WR Registers" && value.bytes.size() >= kRegisterBlockBytes &&
                load_be32(value.bytes, 0) == kRegisterRead &&
                load_be32(value.bytes, 1) == kTemperatureRegister) {
-        const uint32_t kept = session.reg(channel, kTemperatureRegister) & ~kTemperatureMask;
-        session.set_reg(channel, kTemperatureRegister, kept | live.temperature_code);
+        refresh_temperature_register(session, channel);
     }
+    return 0;
+}
+
+void refresh_temperature_register(Session &session, unsigned channel)
+{
+    const uint32_t code = follow(session, channel).temperature_code;
+    const uint32_t kept = session.reg(channel, kTemperatureRegister) & ~kTemperatureMask;
+    session.set_reg(channel, kTemperatureRegister, kept | code);
 }
 
 void on_read(Session &session, unsigned channel, std::string_view suffix, Value value)

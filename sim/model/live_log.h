@@ -67,10 +67,14 @@ struct ChannelLive {
 // Brings channel `channel` (below dsp::kChannels) up to now and reports it.
 ChannelLive report(Session &session, unsigned channel);
 
+// Stores the temperature code in the low 12 bits of register 0x4308 of `channel`.
+void refresh_temperature_register(Session &session, unsigned channel);
+
 // Hooks of the DSP model for the channel's control named "X <suffix>". on_write() runs before a
-// write is served (a read command of the temperature register refreshes the register first);
-// on_read() fills the log controls.
-void on_write(Session &session, unsigned channel, std::string_view suffix, Value value);
+// write is served (a read command of the temperature register refreshes the register first) and
+// refuses, with -EBUSY, writes to the "cd" algorithm's controls while another firmware than
+// Protection is selected; on_read() fills the log controls.
+int on_write(Session &session, unsigned channel, std::string_view suffix, Value value);
 void on_read(Session &session, unsigned channel, std::string_view suffix, Value value);
 
 } // namespace tvox::sim::live

@@ -8,6 +8,7 @@
 #include "util/fatal.h"
 #include "util/text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -67,6 +68,7 @@ namespace
 
 // These tools serve at most two channels: a value for a third ends the process.
 using Results = std::array<uint32_t, 2>;
+constexpr uint64_t kItemLength = 15;
 
 void print_results(uint32_t reg, const Results &values, const char *op_name)
 {
@@ -75,14 +77,17 @@ void print_results(uint32_t reg, const Results &values, const char *op_name)
     str_builder_add_int(sb.get(), static_cast<int32_t>(reg), 16);
     str_builder_add_str(sb.get(), " -- ", 0);
     for (int32_t i = 0; i < self->num_channels; ++i) {
-        // The item buffer is 16 bytes: a label longer than one character cuts the item short.
-        char item[16] = {};
-        std::snprintf(
+        // Each item is cut to 15 characters, as a 16-byte item buffer holds: a label longer
+        // than one character loses the end of the value and the separator.
+        char item[64];
+        const int length = std::snprintf(
             item, sizeof item, "%s: 0x%08x, ",
             tvox::printable(tvox::checked_at(self->channel_name, static_cast<std::size_t>(i))),
             static_cast<unsigned int>(
                 tvox::checked_at(std::span<const uint32_t>(values), static_cast<std::size_t>(i))));
-        str_builder_add_str(sb.get(), item, 0);
+        str_builder_add_str(
+            sb.get(), item,
+            std::min<uint64_t>(static_cast<uint64_t>(std::max(length, 0)), kItemLength));
     }
     std::fprintf(stderr, "%s : %s \n", op_name, str_builder_peek(sb.get()));
 }
