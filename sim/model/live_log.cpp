@@ -18,6 +18,8 @@ constexpr double kExcursionPerLevel = 0.8;
 constexpr double kF0FaultExcursion = 0.99;
 constexpr uint32_t kTemperatureMask = 0xFFF;
 constexpr double kCodePerDegree = 4.0;
+constexpr std::string_view kDataControl = "DSP1 Protection 5f210 RTLOG_DATA";
+constexpr size_t kBlockBytes = 32;
 
 // The live state of each channel, kept in the upper half of the model area.
 struct ChannelState {
@@ -165,9 +167,10 @@ bool delivers(const ChannelLive &live)
 
 void fill_block(Session &session, unsigned channel, std::span<uint8_t> bytes)
 {
-    std::fill(bytes.begin(), bytes.end(), 0);
+    // A log that does not deliver leaves its last block in place.
     ChannelLive live = follow(session, channel);
-    if (!delivers(live) || bytes.size() < 32)
+    const std::span<uint8_t> stored = stored_bytes(session, channel, kDataControl);
+    if (!delivers(live) || bytes.size() < kBlockBytes || stored.size() != bytes.size())
         return;
     // The firmware hears only what passes through its DSP.
     const bool on_dsp = stored_item_is(session, channel, "PCM Source", "DSP");
@@ -181,6 +184,7 @@ void fill_block(Session &session, unsigned channel, std::span<uint8_t> bytes)
         store_be32(bytes, 2 * i, kVariables[i]);
         store_be32(bytes, 2 * i + 1, values[i]);
     }
+    std::ranges::copy(bytes, stored.begin());
     ++area(session).channels[channel].samples;
 }
 
@@ -228,7 +232,7 @@ void refresh_temperature_register(Session &session, unsigned channel)
 
 void on_read(Session &session, unsigned channel, std::string_view suffix, Value value)
 {
-    if (suffix == "DSP1 Protection 5f210 RTLOG_DATA") {
+    if (suffix == kDataControl) {
         fill_block(session, channel, value.bytes);
     } else if (suffix == "DSP1 Protection 5f210 RTLOG_STATE" && value.bytes.size() >= 4) {
         store_be32(value.bytes, 0, delivers(follow(session, channel)) ? 1 : 0);
