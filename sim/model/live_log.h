@@ -19,9 +19,10 @@
 // (amplifier registers 0x2020 bit 3 and 0x2018 bit 10 set). Then RTLOG_STATE reads 1 and
 // RTLOG_DATA the pairs {variable, value} of 24-bit words (sign in bit 23): 0x6F the coil
 // temperature × 2^14, 0x39F the voltage × 2^19, 0x3AC the current × 2^19, 0x3AD the excursion
-// × 2^23. Otherwise RTLOG_STATE reads 0 and RTLOG_DATA its last block. Register 0x4308 keeps its high bits; its low 12 bits read the
-// temperature code, °C × 4 (clamped to 0..4095). Writing 1 to "X DSP1 Boot Switch" restarts the
-// firmware: its log configuration is cleared and the coil starts at ambient again.
+// × 2^23. Otherwise RTLOG_STATE reads 0 and RTLOG_DATA its last block. Register 0x4308 keeps its
+// high bits; its low 12 bits read the temperature code, °C × 4 (clamped to 0..4095). Writing 1 to
+// "X DSP1 Boot Switch" restarts the firmware: its log configuration is cleared and the coil starts
+// at ambient again.
 #pragma once
 
 #include "model.h"
