@@ -381,6 +381,14 @@ TEST_F(RegToolsTest, FailingPathsEndTheRunWithFailed)
     EXPECT_EQ(run.file.size(), 1u);
     EXPECT_TRUE(run.out.ends_with("shutdown\nrtlog exit - Failed\n"));
     EXPECT_NE(ctx_.rtlog[0].data, nullptr) << "a failed stop keeps the buffers";
+
+    // After that SIGINT the next run stops at once, and cleanly.
+    g_during_sleep = nullptr;
+    preset_enum(0, "T DSP1 Firmware", "Protection");
+    run = rtlog(1);
+    EXPECT_TRUE(run.file.empty());
+    EXPECT_TRUE(run.out.ends_with("rtlog exit - OK\n"));
+    EXPECT_EQ(ctx_.rtlog[0].data, nullptr);
 }
 
 TEST_F(RegToolsTest, LogReportsWhatKeepsItFromStarting)
