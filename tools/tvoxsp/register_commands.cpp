@@ -72,6 +72,14 @@ int status(int32_t result)
     return result == 0 ? 0 : kFailed;
 }
 
+int without_arguments(Args args, int32_t (*operation)())
+{
+    if (!args.empty())
+        return kUsage;
+    Session session;
+    return status(operation());
+}
+
 int reg(Args args)
 {
     if (args.empty())
@@ -114,10 +122,7 @@ int monitor(Args args)
 
 int info(Args args)
 {
-    if (!args.empty())
-        return kUsage;
-    Session session;
-    return status(tervox_show_info());
+    return without_arguments(args, tervox_show_info);
 }
 
 int bypass(Args args)
@@ -135,18 +140,12 @@ int bypass(Args args)
 
 int reload(Args args)
 {
-    if (!args.empty())
-        return kUsage;
-    Session session;
-    return status(tervox_reload_firmware());
+    return without_arguments(args, tervox_reload_firmware);
 }
 
 int boot(Args args)
 {
-    if (!args.empty())
-        return kUsage;
-    Session session;
-    return status(tervox_boot_loader());
+    return without_arguments(args, tervox_boot_loader);
 }
 
 int swap(Args args)
