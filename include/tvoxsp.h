@@ -10,6 +10,7 @@
 #include "tvoxsp/mixer.h"
 #include "tvoxsp/playback.h"
 #include "tvoxsp/qdsp.h"
+#include "tvoxsp/regtools.h"
 #include "tvoxsp/storage.h"
 #include "tvoxsp/util.h"
 

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 packages=(
   build-essential cmake ninja-build clang lld clang-format
   libasound2-dev alsa-utils android-liblog-dev libexpat1-dev
-  libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
+  libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,7 @@
 #include "dsp_model.h"
 
 #include "agm_graph.h"
+#include "live_log.h"
 #include "model.h"
 
 #include <signal.h>
@@ -54,7 +55,7 @@ struct Area {
     ChannelState channels[kChannels];
     StreamSeen streams[kMaxStreams];
 };
-static_assert(sizeof(Area) <= kModelAreaBytes);
+static_assert(sizeof(Area) <= live::kAreaOffset);
 
 constexpr char kMagic[8] = "DSPMODL";
 constexpr uint32_t kAreaVersion = 2;
@@ -284,12 +285,17 @@ bool observe_streams(Session &session, Area &a, int64_t now)
     return published;
 }
 
+bool plays_to_amps(Session &session, Area &a, size_t index)
+{
+    const PcmRecord &record = session.streams()[index];
+    return record.used && record.running && process_alive(record.pid) &&
+           reaches_amps(session, a, record, index);
+}
+
 bool stream_to_amps_running(Session &session, Area &a)
 {
     for (size_t i = 0; i < session.streams().size(); ++i) {
-        const PcmRecord &record = session.streams()[i];
-        if (record.used && record.running && process_alive(record.pid) &&
-            reaches_amps(session, a, record, i))
+        if (plays_to_amps(session, a, i))
             return true;
     }
     return false;
@@ -330,9 +336,13 @@ class DspModel : public Model
   public:
     int on_write(Session &session, const Control &control, Value value) override
     {
+        const auto target = channel_control(control);
+        if (target) {
+            if (int err = live::on_write(session, target->first, target->second, value); err != 0)
+                return err;
+        }
         if (int err = Model::on_write(session, control, value); err != 0)
             return err;
-        const auto target = channel_control(control);
         if (!target || value.numbers.empty())
             return 0;
         const auto [channel, suffix] = *target;
@@ -376,6 +386,8 @@ class DspModel : public Model
     {
         Model::on_read(session, control, value);
         const auto target = channel_control(control);
+        if (target)
+            live::on_read(session, target->first, target->second, value);
         if (!target || !published_word(target->second))
             return;
         Area &a = area(session);
@@ -429,6 +441,22 @@ std::optional<unsigned> channel_from_name(std::string_view name)
             return channel;
     }
     return std::nullopt;
+}
+
+ControlSlot *channel_slot(Session &session, unsigned channel, std::string_view suffix)
+{
+    return slot_of(session, channel, suffix);
+}
+
+double playing_peak(Session &session)
+{
+    Area &a = area(session);
+    double peak = 0;
+    for (size_t i = 0; i < session.streams().size(); ++i) {
+        if (plays_to_amps(session, a, i))
+            peak = std::max(peak, session.streams()[i].peak);
+    }
+    return peak;
 }
 
 ChannelReport report(Session &session, unsigned channel)

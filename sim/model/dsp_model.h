@@ -63,6 +63,13 @@ struct ChannelReport {
 };
 ChannelReport report(Session &session, unsigned channel);
 
+// The storage of "X <suffix>" (X the channel's letter) on card 0, created with its defaults
+// when missing; null when the card has no such control.
+ControlSlot *channel_slot(Session &session, unsigned channel, std::string_view suffix);
+
+// The peak level of the loudest stream now playing to the amplifiers (0 when none plays).
+double playing_peak(Session &session);
+
 // Puts another speaker behind `channel` and journals it; the firmware notices at its next
 // measurement.
 void set_speaker(Session &session, unsigned channel, const SpeakerConfig &speaker);

@@ -1,7 +1,10 @@
-// What every tvoxsp subcommand shares: its arguments and exit codes.
+// A subcommand of tvoxsp, and what every command shares. Each source file adds its table.
 #pragma once
 
+#include "tvoxsp.h"
+
 #include <span>
+#include <string_view>
 
 namespace tvoxsp
 {
@@ -11,6 +14,30 @@ using Args = std::span<char *const>;
 // Exit codes: 0 success, 1 the operation failed, 2 the command line was wrong.
 inline constexpr int kFailed = 1;
 inline constexpr int kUsage = 2;
+
+struct Command {
+    std::string_view name;
+    std::string_view usage;   // arguments after the name
+    std::string_view summary; // one line for --help
+    int (*run)(Args args);    // kUsage makes main print the usage line
+};
+
+// The HAL's side of the bargain: a zero-filled context, bound for the duration of one command.
+class Session
+{
+  public:
+    Session() { tervox_cal_init(&ctx_); }
+    ~Session() { tervox_cal_deinit(&ctx_); }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+    struct tervox &context() { return ctx_; }
+
+  private:
+    struct tervox ctx_ = {};
+};
+
+// Register tools, the live log and its plot, the DSP switches.
+std::span<const Command> register_commands();
 
 // The driver-side commands (qdsp_commands.cpp).
 int slot(Args args);

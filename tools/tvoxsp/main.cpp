@@ -8,34 +8,16 @@
 #include <cstdio>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace
 {
 
 using tvoxsp::Args;
+using tvoxsp::Command;
 using tvoxsp::kFailed;
 using tvoxsp::kUsage;
-
-struct Command {
-    std::string_view name;
-    std::string_view usage;   // arguments after the name
-    std::string_view summary; // one line for --help
-    int (*run)(Args args);    // kUsage makes main print the usage line
-};
-
-// The HAL's side of the bargain: a zero-filled context, bound for the duration of one command.
-class Session
-{
-  public:
-    Session() { tervox_cal_init(&ctx_); }
-    ~Session() { tervox_cal_deinit(&ctx_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    struct tervox &context() { return ctx_; }
-
-  private:
-    struct tervox ctx_ = {};
-};
+using tvoxsp::Session;
 
 // What the library returns when card 0's mixer does not open.
 constexpr int32_t kNoMixer = -22;
@@ -195,10 +177,18 @@ constexpr std::array kCommands = {
             tvoxsp::module},
 };
 
+std::vector<Command> all_commands()
+{
+    std::vector<Command> all(kCommands.begin(), kCommands.end());
+    const std::span<const Command> registers = tvoxsp::register_commands();
+    all.insert(all.end(), registers.begin(), registers.end());
+    return all;
+}
+
 void print_help(std::FILE *out)
 {
     std::fprintf(out, "usage: tvoxsp <command> [arguments]\n       tvoxsp --help\n\ncommands:\n");
-    for (const Command &command : kCommands) {
+    for (const Command &command : all_commands()) {
         std::fprintf(out, "  %.*s%s%.*s\n      %.*s\n", static_cast<int>(command.name.size()),
                      command.name.data(), command.usage.empty() ? "" : " ",
                      static_cast<int>(command.usage.size()), command.usage.data(),
@@ -224,9 +214,10 @@ int main(int argc, char **argv)
         print_help(stdout);
         return 0;
     }
-    const auto command = std::find_if(kCommands.begin(), kCommands.end(),
+    const std::vector<Command> commands = all_commands();
+    const auto command = std::find_if(commands.begin(), commands.end(),
                                       [&](const Command &c) { return c.name == name; });
-    if (command == kCommands.end()) {
+    if (command == commands.end()) {
         std::fprintf(stderr, "tvoxsp: unknown command '%s' (see tvoxsp --help)\n", argv[1]);
         return kUsage;
     }

@@ -1,0 +1,207 @@
+// tvoxsp commands for the engineering tools: amplifier registers, the live protection log, the
+// register monitor, the DSP switches.
+#include "command.h"
+#include "rtlog_plot.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace tvoxsp
+{
+
+namespace
+{
+
+// A 32-bit number in C notation (0x2020, 8208), or nothing.
+std::optional<uint32_t> number(const char *text)
+{
+    errno = 0;
+    char *end = nullptr;
+    const unsigned long long value = std::strtoull(text, &end, 0);
+    if (*text == '\0' || *text == '-' || *end != '\0' || errno != 0 || value > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
+// All of args as numbers, or nothing when one is not.
+std::optional<std::vector<uint32_t>> numbers(Args args)
+{
+    std::vector<uint32_t> values;
+    for (char *arg : args) {
+        const std::optional<uint32_t> value = number(arg);
+        if (!value) {
+            std::fprintf(stderr, "tvoxsp: not a 32-bit number: '%s'\n", arg);
+            return std::nullopt;
+        }
+        values.push_back(*value);
+    }
+    return values;
+}
+
+// "on" or "off".
+std::optional<bool> switch_word(std::string_view word)
+{
+    if (word == "on")
+        return true;
+    if (word == "off")
+        return false;
+    return std::nullopt;
+}
+
+// A leading "--interval MS": the interval (0 when absent, the library's one second), and the
+// arguments after it; nothing when MS is not a number.
+std::optional<std::pair<int32_t, Args>> interval(Args args)
+{
+    if (args.empty() || std::string_view(args[0]) != "--interval")
+        return std::pair{0, args};
+    if (args.size() < 2)
+        return std::nullopt;
+    const std::optional<uint32_t> ms = number(args[1]);
+    if (!ms || *ms > INT32_MAX)
+        return std::nullopt;
+    return std::pair{static_cast<int32_t>(*ms), args.subspan(2)};
+}
+
+int status(int32_t result)
+{
+    return result == 0 ? 0 : kFailed;
+}
+
+int without_arguments(Args args, int32_t (*operation)())
+{
+    if (!args.empty())
+        return kUsage;
+    Session session;
+    return status(operation());
+}
+
+int reg(Args args)
+{
+    if (args.empty())
+        return kUsage;
+    const std::string_view op = args[0];
+    const std::optional<std::vector<uint32_t>> values = numbers(args.subspan(1));
+    if (!values)
+        return kUsage;
+    const std::vector<uint32_t> &v = *values;
+    Session session;
+    if (op == "read" && v.size() == 1)
+        return status(tervox_log_reg_read(v[0]));
+    if (op == "write" && v.size() == 2)
+        return status(tervox_log_reg_write(v[0], v[1]));
+    if (op == "update" && v.size() == 3)
+        return status(tervox_log_reg_update_bits(v[0], v[1], v[2]));
+    return kUsage;
+}
+
+int rtlog(Args args)
+{
+    const auto parsed = interval(args);
+    if (!parsed || !parsed->second.empty())
+        return kUsage;
+    Session session;
+    return status(tervox_prot_rtlog(parsed->first));
+}
+
+int monitor(Args args)
+{
+    const auto parsed = interval(args);
+    if (!parsed)
+        return kUsage;
+    const std::optional<std::vector<uint32_t>> regs = numbers(parsed->second);
+    if (!regs || regs->empty())
+        return kUsage;
+    Session session;
+    return status(tervox_regs_monitor(regs->data(), regs->size(), parsed->first));
+}
+
+int info(Args args)
+{
+    return without_arguments(args, tervox_show_info);
+}
+
+int bypass(Args args)
+{
+    if (args.empty() || args.size() > 2)
+        return kUsage;
+    const std::optional<bool> on = switch_word(args.back());
+    const char *channel = args.size() == 2 ? args[0] : nullptr;
+    if (!on || (channel != nullptr && std::string_view(channel) != "T" &&
+                std::string_view(channel) != "B"))
+        return kUsage;
+    Session session;
+    return status(tervox_dsp_bypass(channel, *on ? 1 : 0));
+}
+
+int reload(Args args)
+{
+    return without_arguments(args, tervox_reload_firmware);
+}
+
+int boot(Args args)
+{
+    return without_arguments(args, tervox_boot_loader);
+}
+
+int swap(Args args)
+{
+    const bool dsp = !args.empty() && std::string_view(args[0]) == "--dsp";
+    const Args rest = args.subspan(dsp ? 1 : 0);
+    const std::optional<bool> on = rest.size() == 1 ? switch_word(rest[0]) : std::nullopt;
+    if (!on)
+        return kUsage;
+    Session session;
+    if (dsp)
+        return status(tervox_vesk_channel_swap(*on ? 1 : 0));
+    if (session.context().channel_swap == nullptr) {
+        std::fprintf(stderr, "tvoxsp: this build has no channel swap in its context; use "
+                             "swap --dsp\n");
+        return kFailed;
+    }
+    return status(tervox_channel_swap(*on ? 1 : 0));
+}
+
+int plot(Args args)
+{
+    if (args.size() != 3 || std::string_view(args[1]) != "-o")
+        return kUsage;
+    return plot_rtlog(args[0], args[2]) ? 0 : kFailed;
+}
+
+constexpr std::array kRegisterCommands = {
+    Command{"reg", "read REG | write REG VALUE | update REG MASK VALUE",
+            "read, write or bit-update an amplifier register on every channel (hex or decimal)",
+            reg},
+    Command{"rtlog", "[--interval MS]",
+            "print the protection firmware's live log (and write /sdcard/Download/rtlog.txt) "
+            "until Ctrl-C",
+            rtlog},
+    Command{"rtlog-plot", "FILE -o OUT.svg|OUT.png",
+            "chart a live log file: each channel's columns and maxima over time, active shaded",
+            plot},
+    Command{"monitor", "[--interval MS] REG...",
+            "read the registers on every channel each interval until Ctrl-C", monitor},
+    Command{"info", "", "print the amplifier channels", info},
+    Command{"bypass", "[T|B] on|off", "feed the amplifiers from the audio port (on) or the DSP",
+            bypass},
+    Command{"reload", "", "mute and disable both amplifiers (firmware reload)", reload},
+    Command{"boot", "", "select and boot the protection firmware on both DSPs", boot},
+    Command{"swap", "[--dsp] on|off",
+            "swap the channels through the context's channel swap (--dsp: in the amplifier "
+            "DSPs)",
+            swap},
+};
+
+} // namespace
+
+std::span<const Command> register_commands()
+{
+    return kRegisterCommands;
+}
+
+} // namespace tvoxsp
