@@ -1,9 +1,36 @@
 #include "calibration/context_fixture.h"
 
+#include <dlfcn.h>
+#include <memory>
+
 namespace
 {
 
 using tvox::test::LogCapture;
+
+// This program reads the exported self directly, which GCC's position-independent executables do
+// through a copy of the variable in the program: the copy follows every write of the library.
+TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
+{
+    std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
+                                               dlclose);
+    ASSERT_NE(lib, nullptr);
+    auto *own = static_cast<struct tervox **>(dlsym(lib.get(), "self"));
+    ASSERT_NE(own, nullptr);
+    ASSERT_NE(own, &self) << "expected a copy relocation of self in this program";
+
+    struct tervox first = {};
+    struct tervox second = {};
+    ASSERT_EQ(tervox_cal_init(&first), 0);
+    EXPECT_EQ(self, &first);
+    ASSERT_EQ(tervox_cal_init(&second), 0);
+    EXPECT_EQ(self, &second);
+    EXPECT_EQ(*own, &second);
+    EXPECT_EQ(tervox_cal_deinit(&first), 0);
+    EXPECT_EQ(self, &first);
+    EXPECT_EQ(*own, &first);
+    EXPECT_EQ(tervox_cal_deinit(&second), 0);
+}
 
 TEST(ContextInit, FillsDefaultsAndSharedTablesAndLogsTheChannelLines)
 {
