@@ -1,4 +1,5 @@
 #include "calibration/context_fixture.h"
+#include "util/exported_data.h"
 
 #include <dlfcn.h>
 #include <memory>
@@ -30,6 +31,31 @@ TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
     EXPECT_EQ(self, &first);
     EXPECT_EQ(*own, &first);
     EXPECT_EQ(tervox_cal_deinit(&second), 0);
+}
+
+// What the library finds for an exported name: this program's copy of self (which this program
+// writes, as a HAL may write an exported setting), none for a name the program has no copy of.
+TEST(ContextInit, ExportedNamesResolveToTheProgramsCopy)
+{
+    std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
+                                               dlclose);
+    ASSERT_NE(lib, nullptr);
+    auto *own = static_cast<struct tervox **>(dlsym(lib.get(), "self"));
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(tvox::program_copy_of(own, "self"), &self);
+    struct tervox ctx = {};
+    self = &ctx;
+    EXPECT_EQ(tvox::live(*own, "self"), &ctx);
+    EXPECT_EQ(&tvox::live(*own, "self"), &self);
+
+    // tervox_this lives in the library only, and a name nobody defines has no copy.
+    void *this_slot = dlsym(lib.get(), "tervox_this");
+    ASSERT_NE(this_slot, nullptr);
+    EXPECT_EQ(tvox::program_copy_of(this_slot, "tervox_this"), nullptr);
+    EXPECT_EQ(tvox::program_copy_of(own, "tvoxsp_no_such_name"), nullptr);
+    void *other = nullptr;
+    EXPECT_EQ(&tvox::live(other, "tervox_this"), &other);
+    self = nullptr;
 }
 
 TEST(ContextInit, FillsDefaultsAndSharedTablesAndLogsTheChannelLines)

@@ -41,7 +41,7 @@ TEST(RivalBinding, InternalCallsIgnoreAnEarlierItoa)
 
 TEST(RivalBinding, TheContextNeverReachesAnEarlierSelf)
 {
-    const Handle rival = loaded("librival_symbols.so");
+    const Handle rival = loaded("librival_itoa.so");
     const Handle lib = loaded("libtvoxsp.so");
     ASSERT_NE(rival, nullptr);
     ASSERT_NE(lib, nullptr);
