@@ -9,14 +9,19 @@ namespace
 
 using tvox::test::LogCapture;
 
+// The library's own definition of an exported variable (this program may hold a copy of it).
+template <typename T> T *library_symbol(const char *name)
+{
+    const std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
+                                                     dlclose);
+    return lib == nullptr ? nullptr : static_cast<T *>(dlsym(lib.get(), name));
+}
+
 // This program reads the exported self directly, which GCC's position-independent executables do
 // through a copy of the variable in the program: the copy follows every write of the library.
 TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
 {
-    std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
-                                               dlclose);
-    ASSERT_NE(lib, nullptr);
-    auto *own = static_cast<struct tervox **>(dlsym(lib.get(), "self"));
+    struct tervox **own = library_symbol<struct tervox *>("self");
     ASSERT_NE(own, nullptr);
     ASSERT_NE(own, &self) << "expected a copy relocation of self in this program";
 
@@ -37,10 +42,7 @@ TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
 // writes, as a HAL may write an exported setting), none for a name the program has no copy of.
 TEST(ContextInit, ExportedNamesResolveToTheProgramsCopy)
 {
-    std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
-                                               dlclose);
-    ASSERT_NE(lib, nullptr);
-    auto *own = static_cast<struct tervox **>(dlsym(lib.get(), "self"));
+    struct tervox **own = library_symbol<struct tervox *>("self");
     ASSERT_NE(own, nullptr);
     EXPECT_EQ(tvox::program_copy_of(own, "self"), &self);
     struct tervox ctx = {};
@@ -49,7 +51,7 @@ TEST(ContextInit, ExportedNamesResolveToTheProgramsCopy)
     EXPECT_EQ(&tvox::live(*own, "self"), &self);
 
     // tervox_this lives in the library only, and a name nobody defines has no copy.
-    void *this_slot = dlsym(lib.get(), "tervox_this");
+    void **this_slot = library_symbol<void *>("tervox_this");
     ASSERT_NE(this_slot, nullptr);
     EXPECT_EQ(tvox::program_copy_of(this_slot, "tervox_this"), nullptr);
     EXPECT_EQ(tvox::program_copy_of(own, "tvoxsp_no_such_name"), nullptr);
