@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Sets everything up and runs the whole test suite:
 #  1. the calibration's concurrency tests in a ThreadSanitizer build;
-#  2. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
+#  2. the device gates (scripts/device_gates.sh): the library and tools compiled with clang against
+#     LLVM's libc++ 16, and the library compiled for a 32-bit target;
+#  3. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
 #     host stand-ins and the tests (leak detection on), each test case a CTest test of its own.
 # Both builds treat warnings as errors.
 set -euo pipefail
@@ -14,6 +16,8 @@ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVOXSP_WER
   -DTVOXSP_SANITIZE=thread -DTVOXSP_BENCH=OFF >/dev/null
 cmake --build build-tsan -j "$(nproc)" --target calibration_concurrency_test
 TSAN_OPTIONS=halt_on_error=1 build-tsan/tests/calibration/calibration_concurrency_test
+
+scripts/device_gates.sh
 
 export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

@@ -1,11 +1,11 @@
 // Text report of the last calibration beside the stored values.
 #include "calibration/results.h"
 #include "tvoxsp.h"
+#include "util/atomic.h"
 #include "util/fatal.h"
 #include "util/log.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -31,7 +31,7 @@ extern "C" int32_t tervox_cal_str_format_out(char *out, size_t size)
 {
     if (size != 0)
         std::memset(out, 0, size);
-    const bool ok = std::atomic_ref(self->cal_ok).load() != 0;
+    const bool ok = tvox::atomic_load(self->cal_ok) != 0;
     int32_t total = 0;
     if (ok) {
         const int32_t channels = self->num_channels;

@@ -7,11 +7,11 @@
 #include "mixer/mixer_handle.h"
 #include "mixer/paths.h"
 #include "tvoxsp.h"
+#include "util/atomic.h"
 #include "util/fatal.h"
 #include "util/log.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -95,7 +95,7 @@ extern "C" void *tervox_calibration_thread(void *)
 {
     tvox::log_tervox(tvox::Priority::info, "calibration thread start");
     // deinit may rebind the context while this thread starts.
-    tvox::play_silence(std::atomic_ref(self).load());
+    tvox::play_silence(tvox::atomic_load(self));
     tvox::log_tervox(tvox::Priority::info, "calibration thread stop");
     return nullptr;
 }
@@ -140,7 +140,7 @@ extern "C" int32_t tervox_cal_calibration(void)
     if (amps_active()) {
         tvox::log_tervox(tvox::Priority::error, "%s: AMP is active, abort calibration!\n",
                          kFunction);
-        std::atomic_ref(self->cal_ok).store(0);
+        tvox::atomic_store(self->cal_ok, 0);
         return -1;
     }
     if (const int32_t ret = tvox::switch_amps_off())
@@ -167,10 +167,10 @@ extern "C" int32_t tervox_cal_run_calibration(void)
     struct tervox *ctx = self;
     // A plain word in the record, so a HAL sees 0, 1 or 2; atomic access keeps a refused
     // concurrent call well defined.
-    std::atomic_ref state(ctx->cal_state);
+    uint32_t &state = ctx->cal_state;
     int32_t ret = -1;
     int32_t tries = 1;
-    if (state.exchange(kRunning) == kRunning) {
+    if (tvox::atomic_exchange(state, kRunning) == kRunning) {
         tvox::log_tervox(tvox::Priority::error, "%s: calibration is already running!\n", kFunction);
     } else {
         tvox::log_tervox(tvox::Priority::info, "%s: running...\n", kFunction);
@@ -181,11 +181,11 @@ extern "C" int32_t tervox_cal_run_calibration(void)
             std::this_thread::sleep_for(500ms);
             tries = -1;
         }
-        std::atomic_ref(ctx->cal_ok).store(ret == 0);
-        state.store(kFinished);
+        tvox::atomic_store(ctx->cal_ok, ret == 0);
+        tvox::atomic_store(state, kFinished);
         tvox::apply_path(tvox::amp_off_path);
     }
-    state.store(kIdle);
+    tvox::atomic_store(state, kIdle);
     tvox::log_tervox(tvox::Priority::info, "%s: Tried %d times, ret = %d, state = %d\n", kFunction,
                      tries, ret, 0);
     return ret;

@@ -3,10 +3,10 @@
 #include "context/ctl_tables.h"
 #include "mixer/paths.h"
 #include "tvoxsp.h"
+#include "util/exported_data.h"
 #include "util/fatal.h"
 #include "util/log.h"
 
-#include <atomic>
 #include <pthread.h>
 
 struct tervox *self = nullptr;
@@ -27,7 +27,7 @@ constexpr tervox_cal_r_range kBottomRange{6500, 10500};
 extern "C" int32_t tervox_cal_init(struct tervox *ctx)
 {
     // The playback thread of a run may be reading self at this moment.
-    std::atomic_ref(self).store(ctx);
+    tvox::publish(self, "self", ctx);
     // These lines are emitted on every start-up; log readers key on them.
     for (int i = 0; i <= 2; ++i)
         tvox::log_tervox(tvox::Priority::error, "channel[%d] : %d - %d\n", i, kChannels, kChannels);
@@ -82,7 +82,7 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
 
 extern "C" int32_t tervox_cal_deinit(struct tervox *ctx)
 {
-    std::atomic_ref(self).store(ctx);
+    tvox::publish(self, "self", ctx);
     // A context that never started a calibration has no thread to join.
     if (tvox::join_cal_thread(ctx) < 0)
         tvox::log_tervox(tvox::Priority::info, "%s: Unable to join the boot thread",

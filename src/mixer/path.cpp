@@ -1,10 +1,10 @@
 #include "mixer/control.h"
 #include "mixer/mixer_handle.h"
 #include "tvoxsp/mixer.h"
-#include "util/fatal.h"
 #include "util/log.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -28,9 +28,10 @@ extern "C" int32_t tervox_apply_mixer_path(const struct tervox_mixer_path_entry 
         return -1;
     tvox::MixerHandle mixer = tvox::open_mixer();
     if (!mixer) {
-        // Nothing the amplifiers need can be switched without the card: a broken platform.
+        // A card not registered yet at boot, or a DSP restart: the caller decides, the audio
+        // server lives on.
         tvox::log_tervox(tvox::Priority::error, "Failed to open mixer\n");
-        tvox::fatal();
+        return -EINVAL;
     }
     for (const auto &entry : std::span(path, count)) {
         if (entry.control != nullptr && std::strcmp(entry.control, "udelay") == 0) {

@@ -37,13 +37,14 @@ bool read_exact(std::FILE *file, std::span<uint8_t> out)
     return std::fread(out.data(), 1, out.size(), file) == out.size();
 }
 
-// Sizes are unsigned 32-bit and off_t is 64-bit here, so the position cannot wrap; a skip past
-// the end leaves the next read to find the end of the file, and a stream that refuses the seek
-// (a memory stream) ends the walk the same way.
+// A skip past the end leaves the next read to find the end of the file; a stream that cannot be
+// positioned (a pipe), or a chunk that cannot be in this file, ends the walk.
 bool skip(std::FILE *file, uint32_t bytes)
 {
-    static_assert(sizeof(off_t) > sizeof(uint32_t));
-    return bytes == 0 || fseeko(file, static_cast<off_t>(bytes), SEEK_CUR) == 0;
+    if (bytes == 0)
+        return true;
+    const std::optional<off_t> target = skip_target(ftello(file), bytes);
+    return target && fseeko(file, *target, SEEK_SET) == 0;
 }
 
 } // namespace

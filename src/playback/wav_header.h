@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <optional>
 
 namespace tvox
@@ -29,5 +30,19 @@ struct WavHeader {
 // are skipped by their size. No value for a file that is not RIFF/WAVE or that ends (or cannot
 // be positioned) before its "data" chunk.
 std::optional<WavHeader> read_wav_header(std::FILE *file);
+
+// Where a chunk of `bytes` bytes that starts at offset `at` ends. Chunk sizes are unsigned 32-bit
+// and off_t is only 32-bit on 32-bit ABIs built without large-file offsets, so a size may not fit
+// in the offset type: a chunk that ends past the largest offset cannot be in a file this stream
+// can address, and there is no target (rather than a backward seek and an endless walk). No
+// target either for a negative (failed) position.
+template <typename Offset> std::optional<Offset> skip_target(Offset at, uint32_t bytes)
+{
+    static_assert(std::numeric_limits<Offset>::is_signed);
+    if (at < 0 ||
+        uintmax_t{bytes} > static_cast<uintmax_t>(std::numeric_limits<Offset>::max() - at))
+        return std::nullopt;
+    return static_cast<Offset>(at + static_cast<Offset>(bytes));
+}
 
 } // namespace tvox

@@ -5,12 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 
 namespace
 {
 
-constexpr uint64_t kMaxSize = std::numeric_limits<uint64_t>::max();
+// The largest buffer the process can address: sizes are 64-bit in the record, but size_t is 32-bit
+// on 32-bit ABIs, where a larger size must end the process rather than wrap in the allocation.
+constexpr uint64_t kMaxSize = std::numeric_limits<size_t>::max();
 
 // Room for `extra` more characters and the NUL: the capacity doubles until it fits, then the
 // buffer is reallocated once. Sizes that cannot be represented end the process, as does a
@@ -28,7 +31,7 @@ void ensure_room(str_builder *sb, uint64_t extra)
             tvox::fatal();
         capacity *= 2;
     }
-    auto *grown = static_cast<char *>(std::realloc(sb->buffer, capacity));
+    auto *grown = static_cast<char *>(std::realloc(sb->buffer, static_cast<size_t>(capacity)));
     if (grown == nullptr)
         tvox::fatal();
     sb->buffer = grown;
@@ -37,7 +40,15 @@ void ensure_room(str_builder *sb, uint64_t extra)
 
 void append(str_builder *sb, const char *bytes, uint64_t count)
 {
+    // The text may be the builder's own (its peek, or part of it): growing moves the buffer, so
+    // such a text is found again by its offset.
+    const std::less_equal<const char *> at_or_before;
+    const bool own =
+        at_or_before(sb->buffer, bytes) && at_or_before(bytes, sb->buffer + sb->length);
+    const uint64_t offset = own ? static_cast<uint64_t>(bytes - sb->buffer) : 0;
     ensure_room(sb, count);
+    if (own)
+        bytes = sb->buffer + offset;
     std::memmove(sb->buffer + sb->length, bytes, count);
     sb->length += count;
     sb->buffer[sb->length] = '\0';
@@ -49,10 +60,13 @@ extern "C" {
 
 str_builder *str_builder_create(uint64_t capacity)
 {
+    if (capacity > kMaxSize)
+        tvox::fatal();
     auto *sb = static_cast<str_builder *>(std::calloc(1, sizeof(str_builder)));
     // A capacity-0 builder still gets one byte for its NUL so that peek and dump stay valid; its
     // recorded capacity stays 0, so its first append ends the process.
-    auto *buffer = static_cast<char *>(std::malloc(capacity == 0 ? 1 : capacity));
+    auto *buffer =
+        static_cast<char *>(std::malloc(capacity == 0 ? 1 : static_cast<size_t>(capacity)));
     if (sb == nullptr || buffer == nullptr)
         tvox::fatal();
     buffer[0] = '\0';
@@ -144,7 +158,7 @@ char *str_builder_dump(const str_builder *sb, uint64_t *len)
         return nullptr;
     if (sb->length == kMaxSize)
         tvox::fatal();
-    auto *copy = static_cast<char *>(std::malloc(sb->length + 1));
+    auto *copy = static_cast<char *>(std::malloc(static_cast<size_t>(sb->length) + 1));
     if (copy == nullptr)
         tvox::fatal();
     std::memcpy(copy, sb->buffer, sb->length + 1);

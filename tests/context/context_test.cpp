@@ -1,9 +1,64 @@
 #include "calibration/context_fixture.h"
+#include "util/exported_data.h"
+
+#include <dlfcn.h>
+#include <memory>
 
 namespace
 {
 
 using tvox::test::LogCapture;
+
+// The library's own definition of an exported variable (this program may hold a copy of it).
+template <typename T> T *library_symbol(const char *name)
+{
+    const std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
+                                                     dlclose);
+    return lib == nullptr ? nullptr : static_cast<T *>(dlsym(lib.get(), name));
+}
+
+// This program reads the exported self directly, which GCC's position-independent executables do
+// through a copy of the variable in the program: the copy follows every write of the library.
+TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
+{
+    struct tervox **own = library_symbol<struct tervox *>("self");
+    ASSERT_NE(own, nullptr);
+    ASSERT_NE(own, &self) << "expected a copy relocation of self in this program";
+
+    struct tervox first = {};
+    struct tervox second = {};
+    ASSERT_EQ(tervox_cal_init(&first), 0);
+    EXPECT_EQ(self, &first);
+    ASSERT_EQ(tervox_cal_init(&second), 0);
+    EXPECT_EQ(self, &second);
+    EXPECT_EQ(*own, &second);
+    EXPECT_EQ(tervox_cal_deinit(&first), 0);
+    EXPECT_EQ(self, &first);
+    EXPECT_EQ(*own, &first);
+    EXPECT_EQ(tervox_cal_deinit(&second), 0);
+}
+
+// What the library finds for an exported name: this program's copy of self (which this program
+// writes, as a HAL may write an exported setting), none for a name the program has no copy of.
+TEST(ContextInit, ExportedNamesResolveToTheProgramsCopy)
+{
+    struct tervox **own = library_symbol<struct tervox *>("self");
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(tvox::program_copy_of(own, "self"), &self);
+    struct tervox ctx = {};
+    self = &ctx;
+    EXPECT_EQ(tvox::live(*own, "self"), &ctx);
+    EXPECT_EQ(&tvox::live(*own, "self"), &self);
+
+    // tervox_this lives in the library only, and a name nobody defines has no copy.
+    void **this_slot = library_symbol<void *>("tervox_this");
+    ASSERT_NE(this_slot, nullptr);
+    EXPECT_EQ(tvox::program_copy_of(this_slot, "tervox_this"), nullptr);
+    EXPECT_EQ(tvox::program_copy_of(own, "tvoxsp_no_such_name"), nullptr);
+    void *other = nullptr;
+    EXPECT_EQ(&tvox::live(other, "tervox_this"), &other);
+    self = nullptr;
+}
 
 TEST(ContextInit, FillsDefaultsAndSharedTablesAndLogsTheChannelLines)
 {

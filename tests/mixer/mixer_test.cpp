@@ -120,7 +120,6 @@ using Setter = MixerTest;
 using SetterDeathTest = MixerTest;
 using Reader = MixerTest;
 using Path = MixerTest;
-using PathDeathTest = MixerTest;
 
 TEST_F(Setter, NumbersItemsAndControlNumbers)
 {
@@ -332,10 +331,20 @@ TEST_F(Path, FirstFailureStopsThePath)
     }
 }
 
-TEST_F(PathDeathTest, MixerThatDoesNotOpenEndsTheProcess)
+// A card not registered yet must not end the audio server: the path is refused with -22.
+TEST_F(Path, MixerThatDoesNotOpenRefusesThePath)
 {
     setenv("TINYALSA_CARD_0", "tvoxsim:42", 1); // no such card: mixer_open fails
-    EXPECT_DEATH(tvox::apply_path(tvox::amp_off_path), "Failed to open mixer");
+    LogCapture log;
+    EXPECT_EQ(tvox::apply_path(tvox::amp_off_path), -22);
+    EXPECT_EQ(tervox_apply_mixer_path(nullptr, 0), -22);
+    ASSERT_EQ(log.lines().size(), 2u);
+    for (const auto &line : log.lines()) {
+        EXPECT_EQ(line.text, "Failed to open mixer\n");
+        EXPECT_EQ(line.priority, 6);
+        EXPECT_EQ(line.tag, "AHAL:TERVOX");
+    }
+    EXPECT_TRUE(journal_lines().empty());
 }
 
 } // namespace

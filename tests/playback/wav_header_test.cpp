@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -30,6 +32,7 @@ TEST(WavHeader, FuzzCorpusReplays)
         {"pcm24_mono_fmt18.wav", Accepted{12, 46, 1, 24}},
         {"pcm32_list_chunk.wav", Accepted{8, 58, 2, 32}},
         {"huge_chunk_size.wav", std::nullopt},
+        {"backward_chunk_size.wav", std::nullopt},
         {"no_data_chunk.wav", std::nullopt},
         {"not_riff.bin", std::nullopt},
         {"short_fmt.wav", std::nullopt},
@@ -58,6 +61,25 @@ TEST(WavHeader, FuzzCorpusReplays)
         ++replayed;
     }
     EXPECT_EQ(replayed, static_cast<int>(expected.size()));
+}
+
+// Chunk ends with the 32-bit off_t of 32-bit ABIs built without large-file offsets, and with the
+// 64-bit one: a size that does not fit in the offset type has no target, never a smaller one.
+TEST(WavHeader, ChunkEndsNeverWrapTheOffset)
+{
+    constexpr int32_t kMax32 = INT32_MAX;
+    EXPECT_EQ(tvox::skip_target<int32_t>(36, 0), 36);
+    EXPECT_EQ(tvox::skip_target<int32_t>(36, 100), 136);
+    EXPECT_EQ(tvox::skip_target<int32_t>(kMax32 - 10, 10), kMax32);
+    EXPECT_EQ(tvox::skip_target<int32_t>(36, kMax32 - 36), kMax32);
+    for (const uint32_t size : {0xFFFFFFF8u, 0xFFFFFFFFu, 0x80000000u, uint32_t{kMax32} - 35})
+        EXPECT_EQ(tvox::skip_target<int32_t>(36, size), std::nullopt) << size;
+    EXPECT_EQ(tvox::skip_target<int32_t>(kMax32 - 10, 11), std::nullopt);
+    EXPECT_EQ(tvox::skip_target<int32_t>(-1, 8), std::nullopt); // the position is unknown
+
+    EXPECT_EQ(tvox::skip_target<int64_t>(36, 0xFFFFFFF8u), int64_t{36} + 0xFFFFFFF8u);
+    EXPECT_EQ(tvox::skip_target<int64_t>(INT64_MAX - 1, 2), std::nullopt);
+    EXPECT_EQ(tvox::skip_target<int64_t>(-1, 0), std::nullopt);
 }
 
 } // namespace

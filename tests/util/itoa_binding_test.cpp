@@ -1,6 +1,8 @@
-// A library loaded before libtvoxsp exports another itoa: the process sees that one, yet the
-// library's own formatting still reaches the library's itoa.
-#include "tvoxsp/util.h"
+// A library loaded before libtvoxsp exports another itoa and another self: the process sees those,
+// yet the library's own formatting reaches the library's itoa, and its context the library's
+// self, leaving the rival's untouched. This executable never names `self` itself, so that the
+// process's `self` stays the rival's (a direct read would give this program a copy of it).
+#include "tvoxsp.h"
 
 #include <gtest/gtest.h>
 
@@ -12,13 +14,19 @@
 namespace
 {
 
-TEST(ItoaBinding, InternalCallsIgnoreAnEarlierExport)
+using Handle = std::unique_ptr<void, int (*)(void *)>;
+
+Handle loaded(const char *name)
+{
+    return Handle(dlopen(name, RTLD_NOW | RTLD_NOLOAD), dlclose);
+}
+
+TEST(RivalBinding, InternalCallsIgnoreAnEarlierItoa)
 {
     std::array<char, 34> text{};
     ASSERT_STREQ(itoa(42, text.data(), 10), "rival");
 
-    std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
-                                               dlclose);
+    const Handle lib = loaded("libtvoxsp.so");
     ASSERT_NE(lib, nullptr);
     auto *own = reinterpret_cast<char *(*)(int32_t, char *, int32_t)>(dlsym(lib.get(), "itoa"));
     ASSERT_NE(own, nullptr);
@@ -29,6 +37,36 @@ TEST(ItoaBinding, InternalCallsIgnoreAnEarlierExport)
                                                              str_builder_destroy);
     str_builder_add_int(sb.get(), INT32_MIN, 8);
     EXPECT_EQ(std::string(str_builder_peek(sb.get())), "-2147483648");
+}
+
+TEST(RivalBinding, TheContextNeverReachesAnEarlierSelf)
+{
+    const Handle rival = loaded("librival_itoa.so");
+    const Handle lib = loaded("libtvoxsp.so");
+    ASSERT_NE(rival, nullptr);
+    ASSERT_NE(lib, nullptr);
+    auto *rival_self = static_cast<void **>(dlsym(rival.get(), "self"));
+    auto *own_self = static_cast<struct tervox **>(dlsym(lib.get(), "self"));
+    ASSERT_NE(rival_self, nullptr);
+    ASSERT_NE(own_self, nullptr);
+    // The process's self is the rival's, still at its own address.
+    ASSERT_EQ(dlsym(RTLD_DEFAULT, "self"), rival_self);
+    ASSERT_EQ(*rival_self, rival_self);
+
+    struct tervox ctx = {};
+    ASSERT_EQ(tervox_cal_init(&ctx), 0);
+    EXPECT_EQ(*own_self, &ctx); // outside readers of the library's self see the context
+    EXPECT_EQ(*rival_self, rival_self);
+
+    // Operations reach the record through the library's self: a read through the rival's would
+    // land in its 8 bytes.
+    ctx.cal_ok = 0;
+    std::array<char, 64> report{};
+    EXPECT_EQ(tervox_cal_str_format_out(report.data(), report.size()), 0);
+    EXPECT_STREQ(report.data(), "calibration failed\n");
+    EXPECT_EQ(tervox_cal_deinit(&ctx), 0);
+    EXPECT_EQ(*own_self, &ctx);
+    EXPECT_EQ(*rival_self, rival_self);
 }
 
 } // namespace

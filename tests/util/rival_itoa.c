@@ -1,4 +1,5 @@
-/* Another library's itoa with the same name and a recognisable result. */
+/* Another library's generic names: an itoa with a recognisable result, and a `self` of its own
+ * that points at itself. */
 #include <stdint.h>
 #include <string.h>
 
@@ -9,3 +10,5 @@ char *itoa(int32_t value, char *buffer, int32_t base)
     strcpy(buffer, "rival");
     return buffer;
 }
+
+void *self = &self;

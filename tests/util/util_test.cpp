@@ -86,6 +86,41 @@ TEST(StrBuilder, TruncateDropDumpAndNullBuilders)
     EXPECT_EQ(len, 3u);
 }
 
+// The builder's own text appended to itself: the growth moves the buffer the text lives in
+// (AddressSanitizer reports the read of the freed buffer).
+TEST(StrBuilder, AppendsItsOwnText)
+{
+    struct Case {
+        uint64_t capacity;
+        uint64_t offset; // where in the builder's text the appended text starts
+        uint64_t length; // 0: up to the NUL
+        const char *expected;
+    };
+    const Case cases[] = {
+        {4, 0, 0, "abcabc"},  // grows
+        {64, 0, 0, "abcabc"}, // fits
+        {4, 1, 2, "abcbc"},   // part of it, grows
+        {4, 2, 0, "abcc"},    // its tail, grows
+        {8, 3, 0, "abc"},     // its empty end: nothing
+    };
+    for (const Case &c : cases) {
+        auto sb = make_builder(c.capacity);
+        str_builder_add_str(sb.get(), "abc", 0);
+        str_builder_add_str(sb.get(), str_builder_peek(sb.get()) + c.offset, c.length);
+        EXPECT_EQ(text_of(sb), c.expected) << c.capacity << " " << c.offset;
+        EXPECT_EQ(str_builder_len(sb.get()), std::string(c.expected).size());
+    }
+    // Through the record as the register dumps do, doubling the text a few times.
+    auto sb = make_builder(2);
+    sb->add_str(sb.get(), "0123456789", 0);
+    for (int i = 0; i < 3; ++i)
+        sb->add_str(sb.get(), sb->peek(sb.get()), 0);
+    std::string expected = "0123456789";
+    for (int i = 0; i < 3; ++i)
+        expected += expected;
+    EXPECT_EQ(text_of(sb), expected);
+}
+
 TEST(StrBuilderDeathTest, ZeroCapacityAndOversizeAbort)
 {
     // A builder of capacity 0 exists and reads as empty, but cannot grow.
