@@ -23,6 +23,9 @@ inline constexpr uint32_t kTargetCalSlot = 2;
 
 inline constexpr const char *kDriverDevice = "/dev/msm_tervox_playback";
 
+// The path tuning transfers open, as the exported DEVICE_FILE_NAME holds it at this moment.
+const char *device_file_name();
+
 // Host byte order; the payload address is 64 bits wide on 32-bit hosts too.
 struct DriverRequest {
     uint32_t size;

@@ -37,7 +37,7 @@ void log_failed_set(int result)
 
 int transfer_chunks(std::span<const uint32_t> words, uint32_t param_id, const ChunkLayout &layout)
 {
-    const char *path = DEVICE_FILE_NAME;
+    const char *path = device_file_name();
     DriverDevice device(path, O_RDWR);
     if (!device.is_open()) {
         log_qdsp(Priority::debug, "%s: Can't open '%s' \n", layout.log_name, printable(path));
@@ -71,7 +71,7 @@ int transfer_chunks(std::span<const uint32_t> words, uint32_t param_id, const Ch
 
 void tervox_qdsp_single_transfer(uint32_t param_id, uint32_t value)
 {
-    const char *path = DEVICE_FILE_NAME;
+    const char *path = device_file_name();
     DriverDevice device(path, O_RDWR);
     if (!device.is_open()) {
         log_qdsp(Priority::debug, "%s: Can't open '%s' \n", "tervox_qdsp_single_transfer",
