@@ -5,6 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <string>
 #include <tuple>
 
@@ -85,6 +89,59 @@ TEST_F(Conf, EntriesAreReadByPositionTheFirstOfANameWinsAndNoMatchIsAnError)
         EXPECT_EQ(device(file, name), -EINVAL) << name;
     EXPECT_STREQ(dev.name, "untouched");
     EXPECT_EQ(dev.rate, 7u);
+}
+
+// The fuzz target's corpus, replayed: each file is the interface name on its first line and the
+// file after it. Every file is read or refused, a refusal leaves the record as it was, and a
+// record read names the interface asked for; seeds get their records.
+TEST_F(Conf, CorpusFilesAreReadOrRefusedWithoutTouchingTheRecordOnRefusal)
+{
+    const device_config no_device = [] {
+        device_config record{};
+        std::strcpy(record.name, "untouched");
+        return record;
+    }();
+    const group_config no_group = [] {
+        group_config record{};
+        std::strcpy(record.name, "untouched");
+        return record;
+    }();
+    const std::map<std::string, std::tuple<device_config, group_config>> seeds = {
+        {"device_format", {{"TDM-LPAIF-RX-SECONDARY", 48000, 2, 32, PCM_FORMAT_S32_LE}, no_group}},
+        {"group_slot_mask",
+         {no_device, {"TDM-LPAIF-RX-TERTIARY", 96000, 3, 16, 7, PCM_FORMAT_S16_LE}}},
+        {"device_first_wins", {{"X", 48000, 2, 24, PCM_FORMAT_S24_LE}, no_group}},
+        {"device_bad_number", {no_device, no_group}},
+        {"truncated", {no_device, no_group}},
+    };
+    size_t seeds_seen = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(TVOXSP_BACKEND_CONF_CORPUS)) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::string input{std::istreambuf_iterator<char>(in), {}};
+        const size_t newline = input.find('\n');
+        if (newline == std::string::npos)
+            continue;
+        const std::string file_name = entry.path().filename();
+        const std::string name = input.substr(0, newline).c_str(); // as a C string sees it
+        const std::string file = folder_file("backend_conf.xml", input.substr(newline + 1));
+        dev = no_device;
+        grp = no_group;
+        const int device_status = device(file, name);
+        const int group_status = group(file, name);
+        for (const auto &[status, read] : {std::pair(device_status, std::string(dev.name)),
+                                           std::pair(group_status, std::string(grp.name))}) {
+            EXPECT_TRUE(status == 0 || status == -EINVAL) << file_name;
+            EXPECT_EQ(read, status == 0 ? name.substr(0, sizeof dev.name - 1) : "untouched")
+                << file_name;
+        }
+        const auto seed = seeds.find(file_name);
+        if (seed == seeds.end())
+            continue;
+        ++seeds_seen;
+        EXPECT_EQ(fields(dev), fields(std::get<0>(seed->second))) << file_name;
+        EXPECT_EQ(fields(grp), fields(std::get<1>(seed->second))) << file_name;
+    }
+    EXPECT_EQ(seeds_seen, seeds.size());
 }
 
 } // namespace
