@@ -1,7 +1,7 @@
 // tvoxsp's command line: exit statuses and the message of every kind of mistake, the control,
 // path and player commands against the virtual pair, the progress line on a terminal and the
 // bash completion.
-#include "sim_fixture.h"
+#include "support/sim_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace
 
 using tvox::test::CommandResult;
 
-class ToolTest : public tvox::test::SimTest
+class TvoxspToolTest : public tvox::test::SimTest
 {
   protected:
     void SetUp() override
@@ -47,7 +47,7 @@ bool contains(const std::string &text, const std::string &part)
     return text.find(part) != std::string::npos;
 }
 
-TEST_F(ToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
+TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
 {
     struct Case {
         std::string arguments;
@@ -95,7 +95,7 @@ TEST_F(ToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
     EXPECT_EQ(enum_item(0, "T PCM Source"), "ASPRX1");
 }
 
-TEST_F(ToolTest, EveryCommandAnswersHelp)
+TEST_F(TvoxspToolTest, EveryCommandAnswersHelp)
 {
     const std::vector<std::string> names = command_names();
     for (const char *name : {"calibrate", "report", "slot", "tuning", "reg", "get", "set",
@@ -111,7 +111,7 @@ TEST_F(ToolTest, EveryCommandAnswersHelp)
     EXPECT_EQ(tvoxsp("--help").status, 0);
 }
 
-TEST_F(ToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
+TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
 {
     struct Case {
         std::string set;
@@ -139,7 +139,7 @@ TEST_F(ToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
               (std::vector<uint8_t>{0x00, 0x00, 0x01, 0xff}));
 }
 
-TEST_F(ToolTest, NamedPathsAreListedAndApplied)
+TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
 {
     const CommandResult list = tvoxsp("path --list");
     ASSERT_EQ(list.status, 0);
@@ -170,14 +170,14 @@ TEST_F(ToolTest, NamedPathsAreListedAndApplied)
     EXPECT_EQ(int_values(0, "B DSP1 Boot Switch"), std::vector<long>{1});
 }
 
-TEST_F(ToolTest, MixerSelfTestReadsBackItsValue)
+TEST_F(TvoxspToolTest, MixerSelfTestReadsBackItsValue)
 {
     const CommandResult test = tvoxsp("mixer-test");
     EXPECT_EQ(test.status, 0);
     EXPECT_TRUE(contains(test.output, "Default: 00 00 15 14, num=4\n")) << test.output;
 }
 
-TEST_F(ToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
+TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
 {
     for (const char *command :
          {"get 'T DSP Mode'", "set 'T DSP Mode' 1", "mixer-test", "path amp_off", "reload", "boot",
@@ -192,7 +192,7 @@ TEST_F(ToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
     }
 }
 
-TEST_F(ToolTest, PlaysWavFilesDirectlyAndThroughTheGraph)
+TEST_F(TvoxspToolTest, PlaysWavFilesDirectlyAndThroughTheGraph)
 {
     const std::string loop = sim_dir() + "/phone/sdcard/Music/lrp_loop.wav";
     const CommandResult direct = tvoxsp("play " + loop);
@@ -221,7 +221,7 @@ TEST_F(ToolTest, PlaysWavFilesDirectlyAndThroughTheGraph)
     EXPECT_TRUE(contains(missing.output, "Unable to open file")) << missing.output;
 }
 
-TEST_F(ToolTest, CalibrationShowsItsProgressOnlyOnATerminal)
+TEST_F(TvoxspToolTest, CalibrationShowsItsProgressOnlyOnATerminal)
 {
     set_speaker(0, 6.0);
     set_speaker(1, 6.0);
@@ -242,7 +242,7 @@ TEST_F(ToolTest, CalibrationShowsItsProgressOnlyOnATerminal)
     EXPECT_TRUE(contains(terminal.output, "\r\033[K")) << terminal.output;
 }
 
-TEST_F(ToolTest, BashCompletionOffersCommandsWordsAndPaths)
+TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
 {
     struct Case {
         std::string line; // the words typed so far, the last one being completed

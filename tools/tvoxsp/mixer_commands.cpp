@@ -4,7 +4,9 @@
 #include "command.h"
 #include "mixer/mixer_handle.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -30,16 +32,13 @@ tvox::MixerHandle open_card0()
 }
 
 // The control as the library finds it: a wholly numeric identifier is a control number.
-struct mixer_ctl *find_control(struct mixer *mixer, const char *identifier)
+struct mixer_ctl *lookup_control(struct mixer *mixer, const char *identifier)
 {
     char *end = nullptr;
     const long number = std::strtol(identifier, &end, 0);
-    struct mixer_ctl *ctl = *identifier != '\0' && *end == '\0'
-                                ? mixer_get_ctl(mixer, static_cast<unsigned int>(number))
-                                : mixer_get_ctl_by_name(mixer, identifier);
-    if (ctl == nullptr)
-        std::fprintf(stderr, "tvoxsp: card 0 has no control '%s'\n", identifier);
-    return ctl;
+    return *identifier != '\0' && *end == '\0'
+               ? mixer_get_ctl(mixer, static_cast<unsigned int>(number))
+               : mixer_get_ctl_by_name(mixer, identifier);
 }
 
 int get(Args args)
@@ -51,9 +50,11 @@ int get(Args args)
     const tvox::MixerHandle mixer = open_card0();
     if (!mixer)
         return kFailed;
-    struct mixer_ctl *ctl = find_control(mixer.get(), name);
-    if (ctl == nullptr)
+    struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
+    if (ctl == nullptr) {
+        std::fprintf(stderr, "tvoxsp: card 0 has no control '%s'\n", name);
         return kFailed;
+    }
     const enum mixer_ctl_type type = mixer_ctl_get_type(ctl);
     const unsigned int count = mixer_ctl_get_num_values(ctl);
     if (dsp) {
@@ -88,13 +89,33 @@ int get(Args args)
     return 0;
 }
 
+// The value words as one value text. The setter reads the numbers of a byte control in any
+// base but those of other controls in decimal only, so their hex and octal numbers are written
+// out in decimal here.
+std::string value_text(Args words, bool decimal_only)
+{
+    std::string text;
+    for (const char *word : words) {
+        std::string_view rest = word;
+        for (size_t end = 0; !rest.empty(); rest.remove_prefix(std::min(end + 1, rest.size()))) {
+            end = std::min(rest.find_first_of(" ,"), rest.size());
+            const std::string token(rest.substr(0, end));
+            if (token.empty())
+                continue;
+            errno = 0;
+            char *stop = nullptr;
+            const long long number = std::strtoll(token.c_str(), &stop, 0);
+            const bool numeric = *stop == '\0' && errno == 0;
+            text += (text.empty() ? "" : " ") +
+                    (decimal_only && numeric ? std::to_string(number) : token);
+        }
+    }
+    return text;
+}
+
 size_t token_count(const std::string &text)
 {
-    size_t count = 0;
-    for (size_t at = text.find_first_not_of(" ,"); at != std::string::npos;
-         at = text.find_first_not_of(" ,", text.find_first_of(" ,", at)))
-        ++count;
-    return count;
+    return text.empty() ? 0 : static_cast<size_t>(std::count(text.begin(), text.end(), ' ')) + 1;
 }
 
 int set(Args args)
@@ -102,9 +123,12 @@ int set(Args args)
     if (args.size() < 2)
         return kUsage;
     const char *name = args[0];
-    std::string value = args[1];
-    for (const char *word : args.subspan(2))
-        value.append(" ").append(word);
+    const tvox::MixerHandle mixer = open_card0();
+    if (!mixer)
+        return kFailed;
+    struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
+    const std::string value = value_text(
+        args.subspan(1), ctl != nullptr && mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE);
     if (token_count(value) == 0) {
         std::fprintf(stderr, "tvoxsp: no value for '%s'\n", name);
         return kUsage;
@@ -114,9 +138,6 @@ int set(Args args)
                      token_count(value), name, kMaxValueTokens);
         return kUsage;
     }
-    const tvox::MixerHandle mixer = open_card0();
-    if (!mixer)
-        return kFailed;
     const int32_t result = tervox_tmixer_set(mixer.get(), name, value.c_str());
     if (result == 0)
         return 0;
