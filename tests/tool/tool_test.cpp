@@ -227,9 +227,10 @@ TEST_F(TvoxspToolTest, CalibrationShowsItsProgressOnlyOnATerminal)
     const CommandResult piped = tvoxsp("calibrate");
     ASSERT_EQ(piped.status, 0) << piped.output;
     EXPECT_FALSE(contains(piped.output, "elapsed")) << piped.output;
-    // script(1) gives the tool a terminal.
-    const CommandResult terminal =
-        run_command("script -qec '" + std::string(TVOXSP_TOOL_PATH) + " calibrate' /dev/null");
+    // script(1) gives the tool a terminal; the preload (and a sanitizer runtime) is the tool's.
+    const CommandResult terminal = run_command(
+        "TOOL_PRELOAD=\"$LD_PRELOAD\" LD_PRELOAD= script -qec 'LD_PRELOAD=$TOOL_PRELOAD " +
+        std::string(TVOXSP_TOOL_PATH) + " calibrate' /dev/null");
     ASSERT_EQ(terminal.status, 0) << terminal.output;
     // Redrawn while the run measures, then erased.
     size_t redrawn = 0;
