@@ -15,6 +15,9 @@ using Args = std::span<char *const>;
 inline constexpr int kFailed = 1;
 inline constexpr int kUsage = 2;
 
+// What the library's card 0 operations return when its mixer does not open.
+inline constexpr int32_t kNoMixer = -22;
+
 struct Command {
     std::string_view name;
     std::string_view usage;   // arguments after the name
@@ -36,8 +39,16 @@ class Session
     struct tervox ctx_ = {};
 };
 
+// False, with a message, when card 0's mixer does not open: the library's path functions would
+// end the process.
+bool card0_opens();
+
 // Register tools, the live log and its plot, the DSP switches.
 std::span<const Command> register_commands();
+// Control get and set, the mixer self-test, the named mixer paths (mixer_commands.cpp).
+std::span<const Command> mixer_commands();
+// The players (play_command.cpp).
+std::span<const Command> play_commands();
 
 // The driver-side commands (qdsp_commands.cpp).
 int slot(Args args);

@@ -1,6 +1,7 @@
 // tvoxsp: speaker calibration, diagnostic and stored-calibration report from the command line.
 // Each subcommand is one row of the command table; new tools add a row.
 #include "command.h"
+#include "progress.h"
 #include "tvoxsp.h"
 
 #include <algorithm>
@@ -10,17 +11,8 @@
 #include <string_view>
 #include <vector>
 
-namespace
+namespace tvoxsp
 {
-
-using tvoxsp::Args;
-using tvoxsp::Command;
-using tvoxsp::kFailed;
-using tvoxsp::kUsage;
-using tvoxsp::Session;
-
-// What the library returns when card 0's mixer does not open.
-constexpr int32_t kNoMixer = -22;
 
 // The applier opens card 0's mixer even with nothing to apply, and changes nothing.
 bool card0_opens()
@@ -30,6 +22,19 @@ bool card0_opens()
     std::fprintf(stderr, "tvoxsp: no card 0: run it on the device or inside tvoxsim\n");
     return false;
 }
+
+} // namespace tvoxsp
+
+namespace
+{
+
+using tvoxsp::Args;
+using tvoxsp::card0_opens;
+using tvoxsp::Command;
+using tvoxsp::kFailed;
+using tvoxsp::kNoMixer;
+using tvoxsp::kUsage;
+using tvoxsp::Session;
 
 size_t channel_count(const struct tervox &ctx)
 {
@@ -103,7 +108,12 @@ int run_measurement(bool diagnostic)
     if (!card0_opens())
         return kFailed;
     ctx.diag_mode = diagnostic ? 1 : 0;
-    const int32_t ret = ctx.run_calibration();
+    const char *what = diagnostic ? "diagnostic" : "calibration";
+    int32_t ret = 0;
+    {
+        const tvoxsp::Progress progress(diagnostic ? "diagnosing" : "calibrating");
+        ret = ctx.run_calibration();
+    }
     if (ret == kNoMixer && !card0_opens())
         return kFailed;
     std::array<char, 1024> report{};
@@ -112,7 +122,6 @@ int run_measurement(bool diagnostic)
     for (size_t ch = 0; diagnostic && ch < channel_count(ctx); ++ch)
         std::printf("CH[%zu] %s F0 = %d Hz (status %u)\n", ch, channel_name(ctx, ch),
                     static_cast<int>(ctx.cal[ch].f0), ctx.cal[ch].f0_status);
-    const char *what = diagnostic ? "diagnostic" : "calibration";
     if (ret != 0) {
         print_failures(ctx, diagnostic);
         std::fprintf(stderr, "tvoxsp: %s failed with code %d\n", what, static_cast<int>(ret));
@@ -180,24 +189,41 @@ constexpr std::array kCommands = {
 std::vector<Command> all_commands()
 {
     std::vector<Command> all(kCommands.begin(), kCommands.end());
-    const std::span<const Command> registers = tvoxsp::register_commands();
-    all.insert(all.end(), registers.begin(), registers.end());
+    for (const std::span<const Command> more :
+         {tvoxsp::mixer_commands(), tvoxsp::play_commands(), tvoxsp::register_commands()})
+        all.insert(all.end(), more.begin(), more.end());
     return all;
+}
+
+// "tvoxsp NAME USAGE".
+void print_command_line(std::FILE *out, const Command &command)
+{
+    std::fprintf(out, "tvoxsp %.*s%s%.*s\n", static_cast<int>(command.name.size()),
+                 command.name.data(), command.usage.empty() ? "" : " ",
+                 static_cast<int>(command.usage.size()), command.usage.data());
 }
 
 void print_help(std::FILE *out)
 {
-    std::fprintf(out, "usage: tvoxsp <command> [arguments]\n       tvoxsp --help\n\ncommands:\n");
+    std::fprintf(out, "usage: tvoxsp <command> [arguments]\n       tvoxsp <command> --help\n"
+                      "       tvoxsp --help\n\ncommands:\n");
     for (const Command &command : all_commands()) {
-        std::fprintf(out, "  %.*s%s%.*s\n      %.*s\n", static_cast<int>(command.name.size()),
-                     command.name.data(), command.usage.empty() ? "" : " ",
-                     static_cast<int>(command.usage.size()), command.usage.data(),
-                     static_cast<int>(command.summary.size()), command.summary.data());
+        std::fprintf(out, "  ");
+        print_command_line(out, command);
+        std::fprintf(out, "      %.*s\n", static_cast<int>(command.summary.size()),
+                     command.summary.data());
     }
-    std::fprintf(out, "\nResults are stored under /mnt/vendor/persist/audio/. Messages go to the "
+    std::fprintf(out, "\nNumbers are hex (0x10) or decimal. Exit status: 0 success, 1 the "
+                      "operation failed, 2 usage.\n"
+                      "Results are stored under /mnt/vendor/persist/audio/. Messages go to the "
                       "Android log (tags \"AHAL:TERVOX\" and \"AHAL: tervox_qdsp\").\n"
                       "Without a device, run the commands inside the virtual amplifier pair "
                       "(see tvoxsim --help), which also sets the virtual speakers.\n");
+}
+
+bool is_help_flag(std::string_view word)
+{
+    return word == "--help" || word == "-h";
 }
 
 } // namespace
@@ -210,7 +236,7 @@ int main(int argc, char **argv)
         return kUsage;
     }
     const std::string_view name = args[0];
-    if (name == "--help" || name == "-h" || name == "help") {
+    if (is_help_flag(name) || name == "help") {
         print_help(stdout);
         return 0;
     }
@@ -221,11 +247,16 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "tvoxsp: unknown command '%s' (see tvoxsp --help)\n", argv[1]);
         return kUsage;
     }
+    if (args.size() == 2 && is_help_flag(args[1])) {
+        std::printf("usage: ");
+        print_command_line(stdout, *command);
+        std::printf("  %.*s\n", static_cast<int>(command->summary.size()), command->summary.data());
+        return 0;
+    }
     const int status = command->run(args.subspan(1));
-    if (status == kUsage)
-        std::fprintf(stderr, "tvoxsp: usage: tvoxsp %.*s%s%.*s\n",
-                     static_cast<int>(command->name.size()), command->name.data(),
-                     command->usage.empty() ? "" : " ", static_cast<int>(command->usage.size()),
-                     command->usage.data());
+    if (status == kUsage) {
+        std::fprintf(stderr, "tvoxsp: usage: ");
+        print_command_line(stderr, *command);
+    }
     return status;
 }

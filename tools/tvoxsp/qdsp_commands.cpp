@@ -1,6 +1,7 @@
 // tvoxsp slot, tuning and module: the driver side of the library. "tuning check" and "tuning
 // seal" judge a file with the library's own block rules and CRC (src/qdsp/tuning_block.h), so
 // what they accept is exactly what the loaders accept.
+#include "arguments.h"
 #include "command.h"
 #include "qdsp/block_crc.h"
 #include "qdsp/tuning_block.h"
@@ -25,16 +26,6 @@ namespace
 {
 
 namespace tuning = tvox::tuning;
-
-std::optional<uint32_t> parse_word(const char *text)
-{
-    errno = 0;
-    char *end = nullptr;
-    const unsigned long long value = std::strtoull(text, &end, 0);
-    if (*text == '\0' || *text == '-' || *end != '\0' || errno != 0 || value > UINT32_MAX)
-        return std::nullopt;
-    return static_cast<uint32_t>(value);
-}
 
 std::optional<std::string> read_file(const char *path)
 {
@@ -184,15 +175,6 @@ int status(int32_t result)
     return result < 0 ? kFailed : 0;
 }
 
-std::optional<bool> on_off(std::string_view word)
-{
-    if (word == "on")
-        return true;
-    if (word == "off")
-        return false;
-    return std::nullopt;
-}
-
 } // namespace
 
 int slot(Args args)
@@ -211,10 +193,15 @@ int slot(Args args)
         return kUsage;
     uint32_t values[2];
     for (size_t channel = 0; channel < 2; ++channel) {
-        const std::optional<uint32_t> value = parse_word(args[channel + 1]);
-        // The slot's check word is CAL_R + 1: the largest word has none.
-        if (!value || *value == UINT32_MAX)
+        const std::optional<uint32_t> value = unsigned_number(args[channel + 1]);
+        if (!value)
             return kUsage;
+        // The slot's check word is CAL_R + 1: the largest word has none.
+        if (*value == UINT32_MAX) {
+            std::fprintf(stderr, "tvoxsp: %s has no check word: the largest CAL_R is 0xFFFFFFFE\n",
+                         args[channel + 1]);
+            return kUsage;
+        }
         values[channel] = *value;
     }
     if (tervox_cal_slot_write(values, 2) < 0) {
@@ -246,20 +233,21 @@ int tuning(Args args)
 int module(Args args)
 {
     const std::string_view action = args.empty() ? "" : args[0];
-    if (args.size() == 1 && on_off(action)) {
-        tervox_qdsp_enable(*on_off(action) ? 1 : 0);
-        return 0;
+    if (args.size() == 2 && action == "swap") {
+        const std::optional<bool> on = on_off(args[1]);
+        return on ? status(tervox_qdsp_channel_swap(*on ? 1 : 0)) : kUsage;
     }
-    if (args.size() == 2 && action == "swap" && on_off(args[1]))
-        return status(tervox_qdsp_channel_swap(*on_off(args[1]) ? 1 : 0));
     if (args.size() == 2 && action == "config") {
-        char *end = nullptr;
-        const long type = std::strtol(args[1], &end, 0);
-        if (*args[1] == '\0' || *end != '\0' || type < INT32_MIN || type > INT32_MAX)
-            return kUsage;
-        return status(tervox_qdsp_config_select(nullptr, static_cast<int32_t>(type)));
+        const std::optional<int32_t> type = signed_number(args[1]);
+        return type ? status(tervox_qdsp_config_select(nullptr, *type)) : kUsage;
     }
-    return kUsage;
+    if (args.size() != 1)
+        return kUsage;
+    const std::optional<bool> on = on_off(action);
+    if (!on)
+        return kUsage;
+    tervox_qdsp_enable(*on ? 1 : 0);
+    return 0;
 }
 
 } // namespace tvoxsp

@@ -1,5 +1,6 @@
 // tvoxsp commands for the engineering tools: amplifier registers, the live protection log, the
 // register monitor, the DSP switches.
+#include "arguments.h"
 #include "command.h"
 #include "rtlog_plot.h"
 
@@ -17,42 +18,6 @@ namespace tvoxsp
 namespace
 {
 
-// A 32-bit number in C notation (0x2020, 8208), or nothing.
-std::optional<uint32_t> number(const char *text)
-{
-    errno = 0;
-    char *end = nullptr;
-    const unsigned long long value = std::strtoull(text, &end, 0);
-    if (*text == '\0' || *text == '-' || *end != '\0' || errno != 0 || value > UINT32_MAX)
-        return std::nullopt;
-    return static_cast<uint32_t>(value);
-}
-
-// All of args as numbers, or nothing when one is not.
-std::optional<std::vector<uint32_t>> numbers(Args args)
-{
-    std::vector<uint32_t> values;
-    for (char *arg : args) {
-        const std::optional<uint32_t> value = number(arg);
-        if (!value) {
-            std::fprintf(stderr, "tvoxsp: not a 32-bit number: '%s'\n", arg);
-            return std::nullopt;
-        }
-        values.push_back(*value);
-    }
-    return values;
-}
-
-// "on" or "off".
-std::optional<bool> switch_word(std::string_view word)
-{
-    if (word == "on")
-        return true;
-    if (word == "off")
-        return false;
-    return std::nullopt;
-}
-
 // A leading "--interval MS": the interval (0 when absent, the library's one second), and the
 // arguments after it; nothing when MS is not a number.
 std::optional<std::pair<int32_t, Args>> interval(Args args)
@@ -61,15 +26,14 @@ std::optional<std::pair<int32_t, Args>> interval(Args args)
         return std::pair{0, args};
     if (args.size() < 2)
         return std::nullopt;
-    const std::optional<uint32_t> ms = number(args[1]);
-    if (!ms || *ms > INT32_MAX)
+    const std::optional<int32_t> ms = signed_number(args[1]);
+    if (!ms)
         return std::nullopt;
+    if (*ms < 0) {
+        std::fprintf(stderr, "tvoxsp: the interval is a number of milliseconds, not %s\n", args[1]);
+        return std::nullopt;
+    }
     return std::pair{static_cast<int32_t>(*ms), args.subspan(2)};
-}
-
-int status(int32_t result)
-{
-    return result == 0 ? 0 : kFailed;
 }
 
 int without_arguments(Args args, int32_t (*operation)())
@@ -77,7 +41,9 @@ int without_arguments(Args args, int32_t (*operation)())
     if (!args.empty())
         return kUsage;
     Session session;
-    return status(operation());
+    if (!card0_opens())
+        return kFailed;
+    return zero_is_success(operation());
 }
 
 int reg(Args args)
@@ -85,17 +51,17 @@ int reg(Args args)
     if (args.empty())
         return kUsage;
     const std::string_view op = args[0];
-    const std::optional<std::vector<uint32_t>> values = numbers(args.subspan(1));
+    const std::optional<std::vector<uint32_t>> values = unsigned_numbers(args.subspan(1));
     if (!values)
         return kUsage;
     const std::vector<uint32_t> &v = *values;
     Session session;
     if (op == "read" && v.size() == 1)
-        return status(tervox_log_reg_read(v[0]));
+        return zero_is_success(tervox_log_reg_read(v[0]));
     if (op == "write" && v.size() == 2)
-        return status(tervox_log_reg_write(v[0], v[1]));
+        return zero_is_success(tervox_log_reg_write(v[0], v[1]));
     if (op == "update" && v.size() == 3)
-        return status(tervox_log_reg_update_bits(v[0], v[1], v[2]));
+        return zero_is_success(tervox_log_reg_update_bits(v[0], v[1], v[2]));
     return kUsage;
 }
 
@@ -105,7 +71,7 @@ int rtlog(Args args)
     if (!parsed || !parsed->second.empty())
         return kUsage;
     Session session;
-    return status(tervox_prot_rtlog(parsed->first));
+    return zero_is_success(tervox_prot_rtlog(parsed->first));
 }
 
 int monitor(Args args)
@@ -113,11 +79,11 @@ int monitor(Args args)
     const auto parsed = interval(args);
     if (!parsed)
         return kUsage;
-    const std::optional<std::vector<uint32_t>> regs = numbers(parsed->second);
+    const std::optional<std::vector<uint32_t>> regs = unsigned_numbers(parsed->second);
     if (!regs || regs->empty())
         return kUsage;
     Session session;
-    return status(tervox_regs_monitor(regs->data(), regs->size(), parsed->first));
+    return zero_is_success(tervox_regs_monitor(regs->data(), regs->size(), parsed->first));
 }
 
 int info(Args args)
@@ -129,13 +95,15 @@ int bypass(Args args)
 {
     if (args.empty() || args.size() > 2)
         return kUsage;
-    const std::optional<bool> on = switch_word(args.back());
+    const std::optional<bool> on = on_off(args.back());
     const char *channel = args.size() == 2 ? args[0] : nullptr;
     if (!on || (channel != nullptr && std::string_view(channel) != "T" &&
                 std::string_view(channel) != "B"))
         return kUsage;
     Session session;
-    return status(tervox_dsp_bypass(channel, *on ? 1 : 0));
+    if (!card0_opens())
+        return kFailed;
+    return zero_is_success(tervox_dsp_bypass(channel, *on ? 1 : 0));
 }
 
 int reload(Args args)
@@ -152,18 +120,18 @@ int swap(Args args)
 {
     const bool dsp = !args.empty() && std::string_view(args[0]) == "--dsp";
     const Args rest = args.subspan(dsp ? 1 : 0);
-    const std::optional<bool> on = rest.size() == 1 ? switch_word(rest[0]) : std::nullopt;
+    const std::optional<bool> on = rest.size() == 1 ? on_off(rest[0]) : std::nullopt;
     if (!on)
         return kUsage;
     Session session;
     if (dsp)
-        return status(tervox_vesk_channel_swap(*on ? 1 : 0));
+        return zero_is_success(tervox_vesk_channel_swap(*on ? 1 : 0));
     if (session.context().channel_swap == nullptr) {
         std::fprintf(stderr, "tvoxsp: this build has no channel swap in its context; use "
                              "swap --dsp\n");
         return kFailed;
     }
-    return status(tervox_channel_swap(*on ? 1 : 0));
+    return zero_is_success(tervox_channel_swap(*on ? 1 : 0));
 }
 
 int plot(Args args)

@@ -1,0 +1,71 @@
+#include "arguments.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+namespace tvoxsp
+{
+
+namespace
+{
+
+// strtoll over the whole text; nothing when it is empty, has trailing characters or overflows.
+std::optional<long long> whole_number(const char *text)
+{
+    errno = 0;
+    char *end = nullptr;
+    const long long value = std::strtoll(text, &end, 0);
+    if (*text == '\0' || *end != '\0' || errno != 0)
+        return std::nullopt;
+    return value;
+}
+
+template <typename Int> std::optional<Int> number_in_range(const char *text, const char *what)
+{
+    const std::optional<long long> value = whole_number(text);
+    if (!value || *value < INT64_C(0) + std::numeric_limits<Int>::min() ||
+        *value > INT64_C(0) + std::numeric_limits<Int>::max()) {
+        std::fprintf(stderr, "tvoxsp: not %s number: '%s'\n", what, text);
+        return std::nullopt;
+    }
+    return static_cast<Int>(*value);
+}
+
+} // namespace
+
+std::optional<uint32_t> unsigned_number(const char *text)
+{
+    return number_in_range<uint32_t>(text, "an unsigned 32-bit");
+}
+
+std::optional<int32_t> signed_number(const char *text)
+{
+    return number_in_range<int32_t>(text, "a 32-bit");
+}
+
+std::optional<std::vector<uint32_t>> unsigned_numbers(Args args)
+{
+    std::vector<uint32_t> values;
+    for (const char *arg : args) {
+        const std::optional<uint32_t> value = unsigned_number(arg);
+        if (!value)
+            return std::nullopt;
+        values.push_back(*value);
+    }
+    return values;
+}
+
+std::optional<bool> on_off(std::string_view word)
+{
+    if (word == "on")
+        return true;
+    if (word == "off")
+        return false;
+    std::fprintf(stderr, "tvoxsp: expected on or off, not '%.*s'\n", static_cast<int>(word.size()),
+                 word.data());
+    return std::nullopt;
+}
+
+} // namespace tvoxsp

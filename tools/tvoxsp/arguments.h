@@ -1,0 +1,30 @@
+// Reading the tool's arguments: numbers in hex or decimal, on/off words. A word that does not
+// read is named on standard error, so that a usage error says what was wrong.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "command.h"
+
+namespace tvoxsp
+{
+
+// An unsigned 32-bit number in C notation (0x2020, 8208, 020).
+std::optional<uint32_t> unsigned_number(const char *text);
+// A signed 32-bit number in C notation (-1, 0x10).
+std::optional<int32_t> signed_number(const char *text);
+// Every argument as an unsigned 32-bit number, or nothing when one is not.
+std::optional<std::vector<uint32_t>> unsigned_numbers(Args args);
+// "on" or "off".
+std::optional<bool> on_off(std::string_view word);
+
+// 0 for a library result of 0, else kFailed.
+inline int zero_is_success(int32_t result)
+{
+    return result == 0 ? 0 : kFailed;
+}
+
+} // namespace tvoxsp
