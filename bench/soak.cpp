@@ -207,7 +207,7 @@ void storage_calls()
     expect("tervox_cal_fread", tervox_cal_fread(back, 2) == 0 && back[0] == cal_r[0]);
     expect("tervox_f0_fwrite", tervox_f0_fwrite(f0, 2) == 0);
     expect("tervox_f0_fread", tervox_f0_fread(back, 2) == 0 && back[1] == f0[1]);
-    expect("tervox_cal_fread_and_check", tervox_cal_fread_and_check() == 0);
+    expect("tervox_cal_fread_and_check", tervox_cal_fread_and_check() > 0); // printf's count
     expect("tervox_cal_slot_write", tervox_cal_slot_write(cal_r, 2) == 0);
     expect("tervox_cal_slot_read", tervox_cal_slot_read(back, 2) == 0 && back[1] == cal_r[1]);
     expect("tervox_cal_apply", tervox_cal_apply(cal_r, 2) == 0);

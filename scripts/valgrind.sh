@@ -36,8 +36,7 @@ trap 'rm -rf "$sim"' EXIT
 # adds its own preloads in front of it for the program it runs, so the phone paths and the driver
 # device stay mapped under memcheck (the preload's code is checked as well).
 memcheck=(valgrind --tool=memcheck --error-exitcode=99 --leak-check=full
-  --show-leak-kinds=definite,indirect --errors-for-leak-kinds=definite,indirect
-  --suppressions="$PWD/scripts/valgrind.supp" --num-callers=30)
+  --show-leak-kinds=definite,indirect --errors-for-leak-kinds=definite,indirect --num-callers=30)
 
 failed=0
 # check NAME EXPECTED_STATUS CMD...: runs CMD under memcheck inside the simulator.
@@ -69,11 +68,15 @@ check diagnose 0 "$tvoxsp" diagnose
 check tuning 0 "$tvoxsp" tuning delta "$sim/delta.txt"
 
 # The live log until SIGINT, as a user ends it (valgrind runs in the process it starts, so the
-# signal reaches the program itself).
+# signal reaches the program itself). The signal goes once the log has printed samples: sent
+# while valgrind still starts up, before the program catches SIGINT, it would be lost.
 "$tvoxsim" run --dir "$sim" -- "${memcheck[@]}" --log-file="$sim/rtlog.valgrind" \
   "$tvoxsp" rtlog --interval 10 >"$sim/rtlog.out" 2>&1 &
 rtlog=$!
-sleep 3
+for _ in $(seq 600); do
+  [ "$(grep -c ' T: ' "$sim/rtlog.out" || true)" -ge 20 ] && break
+  sleep 0.1
+done
 kill -INT "$rtlog"
 status=0
 wait "$rtlog" || status=$?
