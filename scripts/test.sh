@@ -3,7 +3,8 @@
 #  1. the calibration's concurrency tests in a ThreadSanitizer build;
 #  2. the device gates (scripts/device_gates.sh): the library and tools compiled with clang against
 #     LLVM's libc++ 16, and the library compiled for a 32-bit target;
-#  3. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
+#  3. valgrind memcheck over the library's long-running commands (scripts/valgrind.sh --short);
+#  4. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
 #     host stand-ins and the tests (leak detection on), each test case a CTest test of its own.
 # Both builds treat warnings as errors.
 set -euo pipefail
@@ -18,6 +19,8 @@ cmake --build build-tsan -j "$(nproc)" --target calibration_concurrency_test
 TSAN_OPTIONS=halt_on_error=1 build-tsan/tests/calibration/calibration_concurrency_test
 
 scripts/device_gates.sh
+
+scripts/valgrind.sh --short
 
 export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
