@@ -13,6 +13,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <array>
 #include <functional>
 #include <map>
 #include <optional>
@@ -143,6 +145,13 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
     }
 
     struct tervox &context() { return ctx_; }
+    // Gives channel `channel` a table of written controls in which control `id` does not exist.
+    void rename_set_control(unsigned channel, tervox_ctl_id id, const char *missing)
+    {
+        std::copy_n(ctx_.set_ctls[channel], TERVOX_NUM_CTLS, renamed_.begin());
+        renamed_[id] = missing;
+        ctx_.set_ctls[channel] = renamed_.data();
+    }
     // The file the context's players play from now on.
     void play_file(std::string path)
     {
@@ -198,6 +207,7 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
   private:
     std::thread interrupter_;
     std::string wav_path_;
+    std::array<const char *, TERVOX_NUM_CTLS> renamed_{};
 };
 
 // Permission bits bind the calling thread as they bind the audio server, while it lives:
@@ -392,11 +402,25 @@ std::vector<Row> control_rows()
          exactly(""),
          exactly("Failed to set binary control\n"),
          ""},
+        // Only the last channel's result reaches the caller; channel 0 is applied all the same.
+        {"ControlMissingCalApply",
+         [](FaultMatrixTest &t) { t.rename_set_control(1, CTL_SET_CAL_R, "B No Such CAL_R"); },
+         [](FaultMatrixTest &) {
+             uint32_t values[2] = {8000, 8100};
+             return tervox_cal_apply(values, 2);
+         },
+         2, exactly(""), exactly("Invalid mixer control: B No Such CAL_R\n"),
+         "Channel[1] CAL_R = 8100, Applying failed!\n", std::nullopt,
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.int_values(0, "T DSP Set CAL_R"), std::vector<long>{8000});
+             EXPECT_EQ(t.int_values(0, "B DSP Set CAL_R"), std::vector<long>{8391});
+         }},
         // The live log's controls refuse writes while another firmware runs on the top DSP.
         {"ValueRefusedLiveLog",
          [](FaultMatrixTest &t) { t.preset_enum(0, "T DSP1 Firmware", "Calibration"); },
          [](FaultMatrixTest &) { return tervox_prot_rtlog(50); }, 0,
-         containing("rtlog exit - Failed\n"), containing(""), ""},
+         exactly("rtlog enter\nrtlog exit - Failed\n"), exactly("Failed to set binary control\n"),
+         ""},
     };
 }
 
@@ -490,6 +514,12 @@ std::vector<Row> persist_rows()
         {"PersistFull", [](FaultMatrixTest &t) { t.simulator("persist full"); },
          [](FaultMatrixTest &) { return cal_values_write(8000, 8100); }, -1, exactly(""),
          exactly(""), "can't write CAL_R to persist slot!\n", kCalibrated},
+        {"PersistFullF0", [](FaultMatrixTest &t) { t.simulator("persist full"); },
+         [](FaultMatrixTest &) {
+             uint32_t values[2] = {8000, 8100};
+             return tervox_f0_fwrite(values, 2);
+         },
+         -1, exactly(""), exactly(""), "can't write CAL_R to persist slot!\n", kCalibrated},
         {"CalibrationFileEmpty", calibration_file(""), cal_read, -1, exactly(""), exactly(""),
          "CH[1] = 7, file: " + bin + " \n"},
         {"CalibrationFileShort", calibration_file("\x47\x20"), cal_read, -1, exactly(""),
