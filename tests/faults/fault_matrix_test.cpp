@@ -336,13 +336,16 @@ std::vector<Row> control_rows()
     const auto ambient_kept = [](FaultMatrixTest &t) {
         EXPECT_EQ(t.int_values(0, "T DSP Set CAL_AMBIENT"), std::vector<long>{25});
     };
+    // The setter on card 0 with this control and value text.
+    const auto setting = [](const char *control, const char *text) {
+        return [control, text](FaultMatrixTest &) {
+            return with_mixer([&](mixer *m) { return tervox_tmixer_set(m, control, text); });
+        };
+    };
     return {
         {"ControlMissingSet",
          {},
-         [](FaultMatrixTest &) {
-             return with_mixer(
-                 [](mixer *m) { return tervox_tmixer_set(m, "T No Such Control", "1"); });
-         },
+         setting("T No Such Control", "1"),
          2,
          exactly(""),
          exactly("Invalid mixer control: T No Such Control\n"),
@@ -361,10 +364,7 @@ std::vector<Row> control_rows()
          ""},
         {"ValueRefusedOutOfRange",
          {},
-         [](FaultMatrixTest &) {
-             return with_mixer(
-                 [](mixer *m) { return tervox_tmixer_set(m, "T DSP Set CAL_AMBIENT", "200"); });
-         },
+         setting("T DSP Set CAL_AMBIENT", "200"),
          22,
          exactly(""),
          exactly("Error: invalid value\n"),
@@ -373,31 +373,21 @@ std::vector<Row> control_rows()
          ambient_kept},
         {"ValueRefusedEnumItem",
          {},
-         [](FaultMatrixTest &) {
-             return with_mixer(
-                 [](mixer *m) { return tervox_tmixer_set(m, "Tervox SP Channel Swap", "XY"); });
-         },
+         setting("Tervox SP Channel Swap", "XY"),
          22,
          exactly(""),
          exactly("Error: invalid enum value\n"),
          ""},
         {"ValueRefusedByte",
          {},
-         [](FaultMatrixTest &) {
-             return with_mixer(
-                 [](mixer *m) { return tervox_tmixer_set(m, "T AMP WR Registers", "1 256"); });
-         },
+         setting("T AMP WR Registers", "1 256"),
          -1,
          exactly(""),
          exactly("256 should be between [0, 0xff]\n"),
          ""},
         {"ValueRefusedByteCount",
          {},
-         [](FaultMatrixTest &) {
-             return with_mixer([](mixer *m) {
-                 return tervox_tmixer_set(m, "T AMP WR Registers", "0 1 2 3 4 5 6 7 8 9 10 11 12");
-             });
-         },
+         setting("T AMP WR Registers", "0 1 2 3 4 5 6 7 8 9 10 11 12"),
          -1,
          exactly(""),
          exactly("Failed to set binary control\n"),
