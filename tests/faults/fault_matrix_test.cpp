@@ -405,7 +405,19 @@ std::vector<Row> control_rows()
          [](FaultMatrixTest &t) { t.preset_enum(0, "T DSP1 Firmware", "Calibration"); },
          [](FaultMatrixTest &) { return tervox_prot_rtlog(50); }, 0,
          exactly("rtlog enter\nrtlog exit - Failed\n"), exactly("Failed to set binary control\n"),
-         ""},
+         "", std::nullopt,
+         [](FaultMatrixTest &t) {
+             // A failed run leaves its sample buffers in the context record: the next run
+             // releases them, tervox_cal_deinit does not. The row hands them back itself.
+             for (tervox_rtlog_channel &r : std::span(t.context().rtlog, 2)) {
+                 EXPECT_NE(r.data, nullptr);
+                 EXPECT_NE(r.line, nullptr);
+                 std::free(r.data);
+                 std::free(r.line);
+                 r.data = nullptr;
+                 r.line = nullptr;
+             }
+         }},
     };
 }
 
