@@ -44,7 +44,7 @@ struct tervox_mixer_path_entry {
 /*
  * Applies count entries in order on card 0, opening its mixer once. Returns 0, or the setter's
  * result for the first entry that fails (the entries before it stay applied). A mixer that does
- * not open ends the process.
+ * not open (a card not registered yet, a DSP restart) is logged and gives -22.
  */
 int32_t tervox_apply_mixer_path(const struct tervox_mixer_path_entry *path, size_t count);
 
