@@ -195,9 +195,9 @@ int path(Args args)
         if (path.name != name)
             continue;
         Session session;
-        if (!card0_opens())
-            return kFailed;
         const int32_t result = path.apply();
+        if (result == kNoMixer && !card0_opens())
+            return kFailed;
         if (result == 0)
             return 0;
         std::fprintf(stderr, "tvoxsp: path %s failed (code %d)\n", args[0],
