@@ -50,21 +50,24 @@ void close_plugin(snd_ctl_ext_t *ext)
 
 int elem_count(snd_ctl_ext_t *ext)
 {
-    return static_cast<int>(plugin_of(ext).card->controls().size());
+    return static_cast<int>(plugin_of(ext).card->listed().size());
 }
 
 int elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_id_t *id)
 {
-    std::span<const Control> controls = plugin_of(ext).card->controls();
-    if (offset >= controls.size())
+    const Card &card = *plugin_of(ext).card;
+    if (offset >= card.listed().size())
         return -EINVAL;
+    // Element numbers count the offered controls only (alsa-lib's external plugin layer numbers
+    // listed elements by position).
+    const uint32_t key = card.listed()[offset];
     // alsa-lib compares every field of listed ids, so none may be left to chance.
     snd_ctl_elem_id_clear(id);
     snd_ctl_elem_id_set_numid(id, offset + 1);
     snd_ctl_elem_id_set_interface(id, SND_CTL_ELEM_IFACE_MIXER);
     snd_ctl_elem_id_set_device(id, 0);
     snd_ctl_elem_id_set_subdevice(id, 0);
-    snd_ctl_elem_id_set_name(id, controls[offset].name.c_str());
+    snd_ctl_elem_id_set_name(id, card.controls()[key].name.c_str());
     snd_ctl_elem_id_set_index(id, 0);
     return 0;
 }
@@ -74,7 +77,7 @@ snd_ctl_ext_key_t find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id)
     const Card &card = *plugin_of(ext).card;
     unsigned int numid = snd_ctl_elem_id_get_numid(id);
     if (numid > 0)
-        return numid <= card.controls().size() ? numid - 1 : SND_CTL_EXT_KEY_NOT_FOUND;
+        return numid <= card.listed().size() ? card.listed()[numid - 1] : SND_CTL_EXT_KEY_NOT_FOUND;
     if (snd_ctl_elem_id_get_index(id) != 0)
         return SND_CTL_EXT_KEY_NOT_FOUND;
     int index = card.find(snd_ctl_elem_id_get_name(id));
@@ -83,7 +86,7 @@ snd_ctl_ext_key_t find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id)
     // alsa-lib resolves a by-name TLV call through the element info's numid, which comes from
     // this id; without it every by-name TLV call fails with -ENOENT.
     snd_ctl_elem_id_set_numid(const_cast<snd_ctl_elem_id_t *>(id),
-                              static_cast<unsigned>(index) + 1);
+                              card.element_number(static_cast<size_t>(index)));
     return static_cast<snd_ctl_ext_key_t>(index);
 }
 

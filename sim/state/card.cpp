@@ -52,9 +52,9 @@ std::string format_values(const Control &control, std::span<const int64_t> numbe
 }
 
 Card::Card(int number, const Catalogue &catalogue, std::unique_ptr<State> state,
-           std::vector<uint32_t> slots)
+           std::vector<uint32_t> slots, std::vector<uint32_t> listed)
     : number_(number), catalogue_(catalogue), controls_(catalogue.card(number)),
-      state_(std::move(state)), slots_(std::move(slots))
+      state_(std::move(state)), slots_(std::move(slots)), listed_(std::move(listed))
 {
 }
 
@@ -70,7 +70,10 @@ std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catal
     if (!state)
         return nullptr;
     std::vector<uint32_t> slots;
+    std::vector<uint32_t> listed;
+    bool missing = false; // any control of this card; most opens have none to look up
     slots.reserve(controls.size());
+    listed.reserve(controls.size());
     {
         Session session = state->lock();
         for (const Control &control : controls) {
@@ -81,9 +84,18 @@ std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catal
             }
             slots.push_back(static_cast<uint32_t>(slot - session.layout().slots));
         }
+        for (const ControlFault &fault : session.control_faults())
+            missing |= fault.kind == ControlFaultKind::missing && fault.card == number;
+        for (uint32_t i = 0; i < controls.size(); ++i) {
+            const ControlFault *fault =
+                missing ? session.control_fault(number, controls[i].name) : nullptr;
+            if (fault == nullptr || fault->kind != ControlFaultKind::missing)
+                listed.push_back(i);
+        }
     }
     err = 0;
-    return std::unique_ptr<Card>(new Card(number, catalogue, std::move(state), std::move(slots)));
+    return std::unique_ptr<Card>(
+        new Card(number, catalogue, std::move(state), std::move(slots), std::move(listed)));
 }
 
 std::unique_ptr<Card> Card::open(int number, int &err)
@@ -91,10 +103,20 @@ std::unique_ptr<Card> Card::open(int number, int &err)
     return open(number, State::dir_from_env(), Catalogue::from_env(), err);
 }
 
+unsigned Card::element_number(size_t index) const
+{
+    return static_cast<unsigned>(std::lower_bound(listed_.begin(), listed_.end(), index) -
+                                 listed_.begin()) +
+           1;
+}
+
 int Card::find(std::string_view name) const
 {
     const Control *control = catalogue_.find(number_, name);
-    return control == nullptr ? -1 : static_cast<int>(control - controls_.data());
+    if (control == nullptr)
+        return -1;
+    const auto index = static_cast<size_t>(control - controls_.data());
+    return std::binary_search(listed_.begin(), listed_.end(), index) ? static_cast<int>(index) : -1;
 }
 
 int Card::read(size_t index, Value out)
@@ -127,6 +149,9 @@ int Card::check(const Control &control, Value in)
 int Card::apply(Session &session, size_t index, Value in, const std::string &journal_line)
 {
     const Control &control = controls_[index];
+    if (const ControlFault *fault = session.control_fault(number_, control.name);
+        fault != nullptr && fault->kind == ControlFaultKind::refused)
+        return -fault->error;
     if (int err = model().on_write(session, control, in); err < 0)
         return err;
     ControlSlot &slot = session.layout().slots[slots_[index]];

@@ -8,6 +8,8 @@
 //   ctl 0 "T AMP WR Registers" = 00 00 01 80 00 00 20 20 00 00 00 08
 //   tlv 0 "RCV DSP1 Protection cd CAL_R" tag 0 len 4 = 00 00 15 14
 // Access flags (read-only, TLV only) are the caller's to check, as alsa-lib's plugin layer does.
+// Control faults of the state (tvoxsim control) make the card behave like a driver without a
+// control (missing when the card opens: not listed, not found) or one that refuses its writes.
 #pragma once
 
 #include "catalogue.h"
@@ -34,8 +36,13 @@ class Card
     static std::unique_ptr<Card> open(int number, int &err);
 
     int number() const { return number_; }
+    // Every control of the catalogue's card.
     std::span<const Control> controls() const { return controls_; }
-    // Index of the named control, -1 when the card has none.
+    // Indices of the controls the card offers (not missing); element number = position + 1.
+    std::span<const uint32_t> listed() const { return listed_; }
+    // The element number of an offered control.
+    unsigned element_number(size_t index) const;
+    // Index of the named control, -1 when the card has none or it is missing.
     int find(std::string_view name) const;
     State &state() { return *state_; }
 
@@ -53,10 +60,11 @@ class Card
 
   private:
     Card(int number, const Catalogue &catalogue, std::unique_ptr<State> state,
-         std::vector<uint32_t> slots);
+         std::vector<uint32_t> slots, std::vector<uint32_t> listed);
     // Checks a write the way a driver would; 0 or -EINVAL.
     static int check(const Control &control, Value in);
-    // Passes a checked write to the model, stores and journals it; the lock is held.
+    // Passes a checked write to the model, stores and journals it; the lock is held. A control
+    // that refuses writes fails with its errno and changes nothing.
     int apply(Session &session, size_t index, Value in, const std::string &journal_line);
 
     int number_;
@@ -66,6 +74,7 @@ class Card
     std::span<const Control> controls_;
     std::unique_ptr<State> state_;
     std::vector<uint32_t> slots_; // state slot of each control
+    std::vector<uint32_t> listed_;
 };
 
 // Values as the journal and the tool print them: bytes as two hex digits, numbers in decimal,

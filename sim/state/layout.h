@@ -13,7 +13,7 @@
 namespace tvox::sim
 {
 
-inline constexpr uint32_t kLayoutVersion = 2;
+inline constexpr uint32_t kLayoutVersion = 3;
 
 inline constexpr size_t kNameMax = 48;         // ALSA names are at most 43 characters
 inline constexpr size_t kMaxControls = 16384;  // room for the cards plus many filler controls
@@ -28,6 +28,7 @@ inline constexpr size_t kModelAreaBytes = 64 << 10;
 inline constexpr size_t kDriverParams = 8;          // parameter ids the virtual driver follows
 inline constexpr size_t kDriverConfigWords = 32768; // words of one configuration (128 KiB)
 inline constexpr size_t kSlotWords = 6;             // calibration slot: {valid, check, CAL_R} x 2
+inline constexpr size_t kMaxControlFaults = 16;
 
 // Element types, numbered as alsa-lib numbers them (snd_ctl_elem_type_t).
 enum class Type : uint32_t { boolean = 1, integer = 2, enumerated = 3, bytes = 4 };
@@ -70,6 +71,17 @@ struct SpeakerConfig {
     double f0_hz;
     SpeakerFault fault;
     uint32_t reserved;
+};
+
+// A control the card is told to misbehave with, as a driver that lacks it or refuses its writes.
+enum class ControlFaultKind : uint32_t { none, missing, refused };
+
+struct ControlFault {
+    int32_t card;
+    ControlFaultKind kind;
+    int32_t error; // errno a refused write fails with
+    uint32_t reserved;
+    char name[kNameMax];
 };
 
 struct Register {
@@ -163,6 +175,7 @@ struct Layout {
     RegisterFile registers[kMaxChannels];
     AgmInterface interfaces[kMaxInterfaces];
     AgmStream agm_streams[kMaxPcmDevices];
+    ControlFault control_faults[kMaxControlFaults];
     alignas(64) DriverState driver;
     alignas(64) std::byte model[kModelAreaBytes];
     alignas(64) std::byte pool[kPoolBytes];

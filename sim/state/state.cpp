@@ -99,6 +99,9 @@ bool tables_sound(const Layout &layout)
     for (const AgmInterface &intf : layout.interfaces)
         if (!terminated(intf.name))
             return false;
+    for (const ControlFault &fault : layout.control_faults)
+        if (fault.kind > ControlFaultKind::refused || !terminated(fault.name))
+            return false;
     return true;
 }
 
@@ -390,6 +393,29 @@ PcmRecord *Session::stream(int card, int device, bool create)
             r.card = card;
             r.device = device;
         });
+}
+
+ControlFault *Session::control_fault(int card, std::string_view name)
+{
+    for (ControlFault &fault : layout_->control_faults)
+        if (fault.kind != ControlFaultKind::none && fault.card == card && fault.name == name)
+            return &fault;
+    return nullptr;
+}
+
+bool Session::set_control_fault(int card, std::string_view name, ControlFaultKind kind, int error)
+{
+    if (name.size() >= kNameMax)
+        return false;
+    ControlFault *entry = control_fault(card, name);
+    for (ControlFault &fault : layout_->control_faults)
+        if (entry == nullptr && fault.kind == ControlFaultKind::none)
+            entry = &fault;
+    if (entry == nullptr)
+        return kind == ControlFaultKind::none;
+    *entry = ControlFault{card, kind, error, 0, {}};
+    name.copy(entry->name, name.size());
+    return true;
 }
 
 SpeakerConfig &Session::speaker(unsigned channel)

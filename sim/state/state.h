@@ -66,6 +66,12 @@ class Session
     PcmRecord *stream(int card, int device, bool create);
     std::span<PcmRecord> streams() { return layout_->streams; }
 
+    // Control faults. The fault of (card, name), or null when the control behaves.
+    ControlFault *control_fault(int card, std::string_view name);
+    // Sets the fault of a control (kind none clears it); false when the table is full.
+    bool set_control_fault(int card, std::string_view name, ControlFaultKind kind, int error);
+    std::span<ControlFault> control_faults() { return layout_->control_faults; }
+
     // Speakers and registers of amplifier channel 0 .. kMaxChannels-1 (other channels abort).
     SpeakerConfig &speaker(unsigned channel);
     uint32_t reg(unsigned channel, uint32_t address);

@@ -10,7 +10,9 @@
 // its usage with usage_error()).
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -43,6 +45,9 @@ inline constexpr int exit_usage = 2;
 
 // Prints "tvoxsim: <message>" and the command's usage line to standard error; returns exit_usage.
 int usage_error(std::string_view command, std::string_view message);
+
+// An unsigned 32-bit number argument, decimal or 0x hex; nothing for anything else.
+std::optional<uint32_t> number(const char *text);
 
 // The simulator folder: `dir` made absolute, or $TVOXSIM_DIR (or its default) when empty.
 std::string simulator_dir(std::string_view dir);

@@ -203,14 +203,33 @@ int show(std::span<char *const> args)
             return exit_failure;
         }
         std::printf("card %d\n", number);
-        for (size_t i = 0; i < card->controls().size(); ++i) {
-            const Control &control = card->controls()[i];
+        // Listed by element number as clients see them; missing controls follow, marked.
+        std::vector<ControlFault> faults;
+        for (const ControlFault &fault : card->state().lock().control_faults())
+            if (fault.kind != ControlFaultKind::none && fault.card == number)
+                faults.push_back(fault);
+        std::vector<uint32_t> order(card->listed().begin(), card->listed().end());
+        for (uint32_t i = 0; i < card->controls().size(); ++i)
+            if (card->find(card->controls()[i].name) < 0)
+                order.push_back(i);
+        for (size_t position = 0; position < order.size(); ++position) {
+            const Control &control = card->controls()[order[position]];
             std::vector<int64_t> numbers(control.is_bytes() ? 0 : control.count);
             std::vector<uint8_t> bytes(control.is_bytes() ? control.count : 0);
-            if (card->read(i, Value{numbers, bytes}) < 0)
+            if (card->read(order[position], Value{numbers, bytes}) < 0)
                 continue;
-            std::printf("%5zu  %-44s %-16s %s\n", i + 1, control.name.c_str(),
-                        type_text(control).c_str(), show_values(control, numbers, bytes).c_str());
+            std::string element = std::to_string(position + 1);
+            std::string values = show_values(control, numbers, bytes);
+            for (const ControlFault &fault : faults) {
+                if (control.name != fault.name)
+                    continue;
+                if (fault.kind == ControlFaultKind::missing)
+                    element = "-";
+                else
+                    values += "  [refuses writes]";
+            }
+            std::printf("%5s  %-44s %-16s %s\n", element.c_str(), control.name.c_str(),
+                        type_text(control).c_str(), values.c_str());
         }
     }
     return 0;

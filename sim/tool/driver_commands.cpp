@@ -24,16 +24,6 @@ constexpr std::string_view kUsage =
     "fault none|absent|ioctl set|store|fetch [--param ID]|chunk N [--errno E]]";
 constexpr size_t kWordsPerLine = 10;
 
-std::optional<uint32_t> number(const char *text)
-{
-    errno = 0;
-    char *end = nullptr;
-    const unsigned long long value = std::strtoull(text, &end, 0);
-    if (*text == '\0' || *end != '\0' || errno != 0 || value > UINT32_MAX || *text == '-')
-        return std::nullopt;
-    return static_cast<uint32_t>(value);
-}
-
 int usage(std::string_view message)
 {
     return usage_error("driver", message);

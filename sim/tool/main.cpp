@@ -64,6 +64,16 @@ int usage_error(std::string_view command, std::string_view message)
     return exit_usage;
 }
 
+std::optional<uint32_t> number(const char *text)
+{
+    errno = 0;
+    char *end = nullptr;
+    const unsigned long long value = std::strtoull(text, &end, 0);
+    if (*text == '\0' || *end != '\0' || errno != 0 || value > UINT32_MAX || *text == '-')
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
 std::string simulator_dir(std::string_view dir)
 {
     std::string chosen = dir.empty() ? State::dir_from_env() : std::string(dir);

@@ -192,6 +192,19 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
             interrupter_.join();
     }
 
+    // A calibration or diagnostic run as the HAL starts it; waits for the playback thread it
+    // leaves behind (which ends when the silent file has played) so that it is not counted.
+    int32_t calibration_run(bool diagnostic)
+    {
+        const size_t threads = entries("/proc/self/task");
+        ctx_.diag_mode = diagnostic ? 1 : 0;
+        const int32_t result = tervox_cal_run_calibration();
+        for (int i = 0; i < 500 && entries("/proc/self/task") > threads; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return result;
+    }
+
+    using SimContextTest::set_speaker_raw;
     using SimTest::folder_file;
     using SimTest::install_phone;
     using SimTest::int_values;
@@ -283,12 +296,22 @@ int32_t cal_values_write(uint32_t first, uint32_t second)
 
 constexpr char kGoodBlock[] = "5,100,200,300,4292077319\n";
 
+const std::string kBackendLine = "Backend TDM-LPAIF-RX-SECONDARY rate ch bit : 48000, 2, 32\n";
+
+void nothing_played(FaultMatrixTest &t)
+{
+    EXPECT_FALSE(t.stream(0, 0));
+    EXPECT_FALSE(t.stream(100, 100));
+    EXPECT_EQ(t.journal("ctl 100"), std::vector<std::string>{});
+}
+
 const Files kCalibrated = {{"tvox_calr.bin", words_bytes({8391, 8392})},
                            {"tvox_calr.txt", "CH[0] T : 8391 (6.00)\nCH[1] B : 8392 (6.00)\n"}};
 
 std::vector<Row> card_rows()
 {
     const auto no_card0 = [](FaultMatrixTest &) { FaultMatrixTest::remove_card(0); };
+    const auto no_card100 = [](FaultMatrixTest &) { FaultMatrixTest::remove_card(100); };
     return {
         {"Card0MissingApplyPath", no_card0,
          [](FaultMatrixTest &) {
@@ -318,8 +341,28 @@ std::vector<Row> card_rows()
         {"Card0MissingTestPlayback", no_card0,
          [](FaultMatrixTest &) { return tervox_tplay_test(); }, -22,
          exactly("tervox_tplay_test: Failed to open mixer\n"), exactly(""), ""},
-        {"Card100MissingGraphPlayback",
-         [](FaultMatrixTest &) { FaultMatrixTest::remove_card(100); },
+        // The playback thread plays on card 100 all the same; the readout finds no card 0.
+        {"Card0MissingCalibration", no_card0,
+         [](FaultMatrixTest &t) { return t.calibration_run(false); }, -22, exactly(kBackendLine),
+         exactly(""), "mixer_read_cal_values: Failed to open mixer\n"},
+        {"Card0MissingDiagnostic", no_card0,
+         [](FaultMatrixTest &t) { return t.calibration_run(true); }, -22, exactly(""), exactly(""),
+         "tervox_cal_run_calibration: Tried -1 times, ret = -22, state = 0\n", std::nullopt,
+         nothing_played},
+        // Without the silent playback the firmware measures nothing: both channels fail.
+        {"Card100MissingCalibration", no_card100,
+         [](FaultMatrixTest &t) { return t.calibration_run(false); }, 8,
+         exactly("Failed to open mixer\n"), exactly(""),
+         "tervox_cal_check: Channel[1] CAL_R = 8391, STATUS = 0, Failed!\n", std::nullopt,
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.int_values(0, "T DSP Mode"), std::vector<long>{1});
+             EXPECT_EQ(t.int_values(0, "B AMP Enable Switch"), std::vector<long>{0});
+         }},
+        {"Card100MissingDiagnostic", no_card100,
+         [](FaultMatrixTest &t) { return t.calibration_run(true); }, 8,
+         exactly("Failed to open mixer\n"), exactly(""),
+         "tervox_cal_diag_check:channel[1] f0 = 0, Failed!\n"},
+        {"Card100MissingGraphPlayback", no_card100,
          [](FaultMatrixTest &t) { return tervox_agmplay(&t.context()); }, 0,
          exactly("Failed to open mixer\n"), exactly(""), "", std::nullopt,
          [](FaultMatrixTest &t) { EXPECT_FALSE(t.stream(100, 100)); }},
@@ -328,6 +371,25 @@ std::vector<Row> card_rows()
 
 std::vector<Row> control_rows()
 {
+    // A control fault of the virtual card, on speakers whose CAL_R reads 8500 and 8600.
+    const auto control = [](std::string fault) {
+        return [fault](FaultMatrixTest &t) {
+            t.simulator("control " + fault);
+            t.set_speaker_raw(0, 8500);
+            t.set_speaker_raw(1, 8600);
+        };
+    };
+    // Register 0x2020 holds 5 on both amplifiers, then a control fault.
+    const auto register_then = [control](std::string fault) {
+        return [control, fault](FaultMatrixTest &t) {
+            tervox_log_reg_write(0x2020, 5);
+            control(fault)(t);
+        };
+    };
+    const auto cal_r_kept = [](FaultMatrixTest &t) {
+        EXPECT_EQ(t.int_values(0, "T DSP Set CAL_R"), std::vector<long>{8391});
+        EXPECT_EQ(t.int_values(0, "B DSP Set CAL_R"), std::vector<long>{8391});
+    };
     const auto ambient_kept = [](FaultMatrixTest &t) {
         EXPECT_EQ(t.int_values(0, "T DSP Set CAL_AMBIENT"), std::vector<long>{25});
     };
@@ -400,6 +462,48 @@ std::vector<Row> control_rows()
              EXPECT_EQ(t.int_values(0, "T DSP Set CAL_R"), std::vector<long>{8000});
              EXPECT_EQ(t.int_values(0, "B DSP Set CAL_R"), std::vector<long>{8391});
          }},
+        // A control the readout needs is missing: the reader's stand-in value is out of range.
+        {"ControlMissingCalibration", control("remove \"T DSP Get CAL_R\""),
+         [](FaultMatrixTest &t) { return t.calibration_run(false); }, 16,
+         exactly(kBackendLine + "Get 'T DSP Get CAL_R' Failed\n"),
+         exactly("Invalid mixer control: T DSP Get CAL_R\n"),
+         "tervox_cal_check: Channel[0] CAL_R = -5636096, out of range[8000 - 12000]!\n",
+         std::nullopt, cal_r_kept},
+        // Storing does not depend on applying: the files take the measured values even though
+        // the top DSP refuses its CAL_R.
+        {"ValueRefusedCalibration", control("refuse \"T DSP Set CAL_R\""),
+         [](FaultMatrixTest &t) { return t.calibration_run(false); }, 0, exactly(kBackendLine),
+         exactly("Error: invalid value\n"), "Channel[0] CAL_R = 8500, Applying failed!\n",
+         Files{{"tvox_calr.bin", words_bytes({8500, 8600})},
+               {"tvox_calr.txt", "CH[0] T : 8500 (6.08)\nCH[1] B : 8600 (6.15)\n"}},
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.int_values(0, "T DSP Set CAL_R"), std::vector<long>{8391});
+             EXPECT_EQ(t.int_values(0, "B DSP Set CAL_R"), std::vector<long>{8600});
+         }},
+        {"ControlMissingDiagnostic", control("remove \"B Protection 5f210 DIAG_F0_STATUS\""),
+         [](FaultMatrixTest &t) { return t.calibration_run(true); }, 4,
+         exactly(kBackendLine + "Get 'B Protection 5f210 DIAG_F0_STATUS' Failed\n"),
+         exactly("Invalid mixer control: B Protection 5f210 DIAG_F0_STATUS\n"),
+         "tervox_cal_diag_check:channel[1] f0 = 800, Failed!\n", std::nullopt, cal_r_kept},
+        // The first step of the diagnostic fails, and so does switching the amplifiers off.
+        {"ValueRefusedDiagnostic", control("refuse \"T PCM Source\""),
+         [](FaultMatrixTest &t) { return t.calibration_run(true); }, 22, exactly(""),
+         exactly("Error: invalid enum value\nError: invalid enum value\n"),
+         "tervox_apply_mixer_path: 'T PCM Source' <== 'Zero' failed\n", std::nullopt,
+         nothing_played},
+        // The register tools go on without the bottom mailbox and print 0 for it.
+        {"ControlMissingRegisterRead", register_then("remove \"B AMP WR Registers\""),
+         [](FaultMatrixTest &) { return tervox_log_reg_read(0x2020); }, 0,
+         exactly("Get 'B AMP WR Registers' Failed\n"),
+         exactly("Invalid mixer control: B AMP WR Registers\n"
+                 "Invalid mixer control: B AMP WR Registers\n"
+                 "read : 0x2020 -- T: 0x00000005, B: 0x00000000,  \n"),
+         ""},
+        {"ValueRefusedRegisterWrite", register_then("refuse \"T AMP WR Registers\""),
+         [](FaultMatrixTest &) { return tervox_log_reg_write(0x2020, 0x10); }, 0, exactly(""),
+         exactly("Failed to set binary control\nFailed to set binary control\n"
+                 "write : 0x2020 -- T: 0x00000005, B: 0x00000010,  \n"),
+         ""},
         // The live log's controls refuse writes while another firmware runs on the top DSP.
         {"ValueRefusedLiveLog",
          [](FaultMatrixTest &t) { t.preset_enum(0, "T DSP1 Firmware", "Calibration"); },
@@ -552,18 +656,12 @@ std::vector<Row> playback_rows()
             EXPECT_FALSE(record->running);
         };
     };
-    const auto nothing_played = [](FaultMatrixTest &t) {
-        EXPECT_FALSE(t.stream(0, 0));
-        EXPECT_FALSE(t.stream(100, 100));
-        EXPECT_EQ(t.journal("ctl 100"), std::vector<std::string>{});
-    };
     const std::string playing_line = "Playing sample: 2 ch, 48000 hz, 16 bit 48000 bytes\n";
     return {
         {"WavTruncatedPlaysWhatIsThere", playing(truncated), tplay, 0, exactly(playing_line),
          exactly(""), "", std::nullopt, frames_played(0, 0, 1200)},
-        {"WavTruncatedGraphPlaysWhatIsThere", playing(truncated), agmplay, 0,
-         exactly("Backend TDM-LPAIF-RX-SECONDARY rate ch bit : 48000, 2, 32\n"), exactly(""), "",
-         std::nullopt, frames_played(100, 100, 1200)},
+        {"WavTruncatedGraphPlaysWhatIsThere", playing(truncated), agmplay, 0, exactly(kBackendLine),
+         exactly(""), "", std::nullopt, frames_played(100, 100, 1200)},
         {"WavHeaderCut", playing(header_cut), tplay, 1, exactly(""),
          containing("/cut.wav' is not a riff/wave file\n"), "", std::nullopt, nothing_played},
         {"WavNotWave", playing(riff_bad), tplay, 1, exactly(""),
@@ -617,8 +715,7 @@ std::vector<Row> interrupt_rows()
              t.interrupt_when_playing(100, 100);
              return tervox_agmplay(&t.context());
          },
-         0, exactly("Backend TDM-LPAIF-RX-SECONDARY rate ch bit : 48000, 2, 32\n"), exactly(""), "",
-         std::nullopt,
+         0, exactly(kBackendLine), exactly(""), "", std::nullopt,
          [](FaultMatrixTest &t) {
              const auto record = t.stream(100, 100);
              ASSERT_TRUE(record);

@@ -95,6 +95,9 @@ TEST_F(StateTest, DamagedTablesAreRefusedUntilInitMakesAFreshFile)
         {"name", slot0 + offsetof(ControlSlot, name), std::string(tvox::sim::kNameMax, 'x')},
         {"fault", offsetof(Layout, speakers) + offsetof(tvox::sim::SpeakerConfig, fault),
          word(99, 4)},
+        {"control fault", offsetof(Layout, control_faults), word(0, 4) + word(3, 4)},
+        {"control fault name", offsetof(Layout, control_faults[1].name),
+         std::string(tvox::sim::kNameMax, 'x')},
     };
     const std::string path = sim_dir() + "/state";
     for (const auto &damage : damages) {

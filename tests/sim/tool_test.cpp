@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 namespace
@@ -77,6 +78,49 @@ TEST_F(ToolTest, HelpNamesTheDefaultFolderAndAgmTakesOnlyKnownBackEnds)
     EXPECT_EQ(unknown.output.rfind("tvoxsim: no such back end: TDM-LPAIF-RX-SECUNDARY\n", 0), 0u)
         << unknown.output;
     EXPECT_EQ(tool("agm").output, "interface TDM-LPAIF-RX-SECONDARY mfc off\n");
+}
+
+// Control faults reach every client that opens the card afterwards, as amixer shows.
+TEST_F(ToolTest, ControlFaultsHideAControlOrRefuseItsWritesUntilRestored)
+{
+    const size_t listed = amixer(0, "controls").output.size();
+    EXPECT_EQ(tool("control remove 'T DSP Mode'").output, "control 0 \"T DSP Mode\": missing\n");
+    EXPECT_EQ(tool("control refuse 'PCM100 control' --errno 5").output,
+              "control 0 \"T DSP Mode\": missing\n"
+              "control 100 \"PCM100 control\": refuses writes with errno 5 (Input/output error)\n");
+
+    // Missing: not listed, not found by name, and element numbers stay contiguous.
+    const std::string controls = amixer(0, "controls").output;
+    EXPECT_EQ(controls.find("'T DSP Mode'"), std::string::npos);
+    EXPECT_EQ(controls.size() + std::string("numid=NN,iface=MIXER,name='T DSP Mode'\n").size(),
+              listed);
+    const size_t last = controls.rfind("numid=");
+    const size_t count = static_cast<size_t>(std::count(controls.begin(), controls.end(), '\n'));
+    EXPECT_EQ(std::stoul(controls.substr(last + 6)), count) << controls;
+    EXPECT_NE(amixer(0, "cget name='T DSP Mode'").status, 0);
+    EXPECT_EQ(amixer(0, "cget numid=" + std::to_string(count + 1)).status, 1);
+    // Still there inside: the firmware has it, only the card does not offer it.
+    EXPECT_NE(tool("show 0").output.find("    -  T DSP Mode "), std::string::npos);
+
+    // Refused: the write fails with the errno and the value stays.
+    const CommandResult refused = amixer(100, "cset name='PCM100 control' 1");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("Input/output error"), std::string::npos) << refused.output;
+    EXPECT_EQ(amixer_values(100, "PCM100 control"), "0");
+    EXPECT_NE(tool("show 100").output.find("[refuses writes]"), std::string::npos);
+
+    EXPECT_EQ(tool("control restore 'T DSP Mode'").status, 0);
+    EXPECT_EQ(amixer(0, "cset name='T DSP Mode' 2").status, 0);
+    EXPECT_EQ(tool("control restore").output, "control faults: none\n");
+    EXPECT_EQ(amixer(100, "cset name='PCM100 control' 1").status, 0);
+
+    // Only controls of the catalogue, on the card named.
+    for (const char *bad : {"remove 'T No Such Control'", "remove 'T DSP Mode' --card 100",
+                            "refuse 'T DSP Mode' --errno 0", "drop 'T DSP Mode'", "remove"}) {
+        const CommandResult usage = tool(std::string("control ") + bad);
+        EXPECT_EQ(usage.status, 2) << bad;
+        EXPECT_NE(usage.output.find("usage: tvoxsim control"), std::string::npos) << bad;
+    }
 }
 
 } // namespace
