@@ -205,6 +205,8 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
     }
 
     using SimContextTest::set_speaker_raw;
+    using SimTest::bytes;
+    using SimTest::enum_item;
     using SimTest::folder_file;
     using SimTest::install_phone;
     using SimTest::int_values;
@@ -303,6 +305,20 @@ void nothing_played(FaultMatrixTest &t)
     EXPECT_FALSE(t.stream(0, 0));
     EXPECT_FALSE(t.stream(100, 100));
     EXPECT_EQ(t.journal("ctl 100"), std::vector<std::string>{});
+}
+
+// A live log that ends "Failed" leaves its sample buffers in the context record: the next run
+// releases them, tervox_cal_deinit does not. The row hands them back itself.
+void released_log_buffers(FaultMatrixTest &t)
+{
+    for (tervox_rtlog_channel &r : std::span(t.context().rtlog, 2)) {
+        EXPECT_NE(r.data, nullptr);
+        EXPECT_NE(r.line, nullptr);
+        std::free(r.data);
+        std::free(r.line);
+        r.data = nullptr;
+        r.line = nullptr;
+    }
 }
 
 const Files kCalibrated = {{"tvox_calr.bin", words_bytes({8391, 8392})},
@@ -504,24 +520,45 @@ std::vector<Row> control_rows()
          exactly("Failed to set binary control\nFailed to set binary control\n"
                  "write : 0x2020 -- T: 0x00000005, B: 0x00000010,  \n"),
          ""},
+        // The sampling loop stops at its first step, logging left enabled.
+        {"ControlMissingLiveLog", control("remove \"B DSP1 Protection cd RTLOG_STATE\""),
+         [](FaultMatrixTest &) { return tervox_prot_rtlog(50); }, 0,
+         exactly("rtlog enter\nrtlog exit - Failed\n"),
+         exactly("update bits : 0x2020 -- T: 0x00000008, B: 0x00000008,  \n"
+                 "update bits : 0x2018 -- T: 0x00000400, B: 0x00000400,  \n"
+                 "Invalid mixer control: B DSP1 Protection cd RTLOG_STATE\n"),
+         "", std::nullopt, released_log_buffers},
+        // The pairs before the refused one stay applied.
+        {"ValueRefusedBootLoader", control("refuse \"B DSP1 Boot Switch\""),
+         [](FaultMatrixTest &) { return tervox_boot_loader(); }, 22, exactly(""),
+         exactly("Error: invalid value\n"),
+         "tervox_apply_mixer_path: 'B DSP1 Boot Switch' <== '1' failed\n", std::nullopt,
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.int_values(0, "T DSP1 Boot Switch"), std::vector<long>{1});
+             EXPECT_EQ(t.int_values(0, "B DSP1 Preload Switch"), std::vector<long>{1});
+             EXPECT_EQ(t.int_values(0, "B DSP1 Boot Switch"), std::vector<long>{0});
+         }},
+        {"ControlMissingDspBypass", control("remove \"B PCM Source\""),
+         [](FaultMatrixTest &) { return tervox_dsp_bypass("", 1); }, 2, containing(" =? "),
+         exactly("Invalid mixer control: B PCM Source\n"), "", std::nullopt,
+         [](FaultMatrixTest &t) { EXPECT_EQ(t.enum_item(0, "T PCM Source"), "ASPRX1"); }},
+        {"ValueRefusedChannelSwap", control("refuse \"T DSP1 Protection 5f210 CH_BAL\""),
+         [](FaultMatrixTest &) { return tervox_vesk_channel_swap(1); }, 0, exactly(""),
+         exactly("Failed to set binary control\n"), "", std::nullopt,
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.bytes(0, "T DSP1 Protection 5f210 CH_BAL"), std::vector<uint8_t>(4, 0));
+             EXPECT_EQ(t.bytes(0, "B DSP1 Protection 5f210 CH_BAL"), std::vector<uint8_t>(4, 0));
+         }},
+        {"ValueRefusedGraphPlayback", control("refuse \"PCM100 connect\""),
+         [](FaultMatrixTest &t) { return tervox_agmplay(&t.context()); }, 0,
+         exactly(kBackendLine + "Failed to connect pcm to audio interface\n"), exactly(""), "",
+         std::nullopt, [](FaultMatrixTest &t) { EXPECT_FALSE(t.stream(100, 100)); }},
         // The live log's controls refuse writes while another firmware runs on the top DSP.
         {"ValueRefusedLiveLog",
          [](FaultMatrixTest &t) { t.preset_enum(0, "T DSP1 Firmware", "Calibration"); },
          [](FaultMatrixTest &) { return tervox_prot_rtlog(50); }, 0,
          exactly("rtlog enter\nrtlog exit - Failed\n"), exactly("Failed to set binary control\n"),
-         "", std::nullopt,
-         [](FaultMatrixTest &t) {
-             // A failed run leaves its sample buffers in the context record: the next run
-             // releases them, tervox_cal_deinit does not. The row hands them back itself.
-             for (tervox_rtlog_channel &r : std::span(t.context().rtlog, 2)) {
-                 EXPECT_NE(r.data, nullptr);
-                 EXPECT_NE(r.line, nullptr);
-                 std::free(r.data);
-                 std::free(r.line);
-                 r.data = nullptr;
-                 r.line = nullptr;
-             }
-         }},
+         "", std::nullopt, released_log_buffers},
     };
 }
 
