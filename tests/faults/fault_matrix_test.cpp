@@ -658,6 +658,19 @@ std::vector<Row> persist_rows()
              return tervox_f0_fwrite(values, 2);
          },
          -1, exactly(""), exactly(""), "can't write CAL_R to persist slot!\n", kCalibrated},
+        // A run stores nothing on a full partition and still applies what it measured.
+        {"PersistFullCalibration",
+         [](FaultMatrixTest &t) {
+             t.simulator("persist full");
+             t.set_speaker_raw(0, 8500);
+             t.set_speaker_raw(1, 8600);
+         },
+         [](FaultMatrixTest &t) { return t.calibration_run(false); }, 0, exactly(kBackendLine),
+         exactly(""), "can't write CAL_R to persist slot!\n", kCalibrated,
+         [](FaultMatrixTest &t) {
+             EXPECT_EQ(t.int_values(0, "T DSP Set CAL_R"), std::vector<long>{8500});
+             EXPECT_EQ(t.int_values(0, "B DSP Set CAL_R"), std::vector<long>{8600});
+         }},
         {"CalibrationFileEmpty", calibration_file(""), cal_read, -1, exactly(""), exactly(""),
          "CH[1] = 7, file: " + bin + " \n"},
         {"CalibrationFileShort", calibration_file("\x47\x20"), cal_read, -1, exactly(""),
