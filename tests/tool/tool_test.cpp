@@ -167,6 +167,18 @@ TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
     ASSERT_EQ(tvoxsp("path boot_firmware").status, 0);
     EXPECT_EQ(enum_item(0, "B DSP1 Firmware"), "Protection");
     EXPECT_EQ(int_values(0, "B DSP1 Boot Switch"), std::vector<long>{1});
+    // Paths that only run inside the library's operations, applied whole on their own.
+    clear_journal();
+    ASSERT_EQ(tvoxsp("path cal_mode").status, 0);
+    EXPECT_EQ(journal_lines(), (std::vector<std::string>{
+                                   "ctl 0 \"T DSP Set CAL_AMBIENT\" = 30",
+                                   "ctl 0 \"T DSP Mode\" = 2",
+                                   "ctl 0 \"B DSP Set CAL_AMBIENT\" = 30",
+                                   "ctl 0 \"B DSP Mode\" = 2",
+                               }));
+    for (const char *name : {"spk_playback", "rcv_playback", "amp_on_dsp", "run_mode",
+                             "rtlog_setup", "rtlog_state_clear", "rtlog_stop"})
+        EXPECT_TRUE(contains(list.output, std::string(name) + " ")) << name;
 }
 
 TEST_F(TvoxspToolTest, MixerSelfTestReadsBackItsValue)

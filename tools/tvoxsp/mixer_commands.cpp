@@ -1,14 +1,16 @@
 // tvoxsp get, set, mixer-test and path: the library's control setter and readers on card 0, and
-// the named mixer paths that its exported functions apply.
+// its named mixer paths.
 #include "arguments.h"
 #include "command.h"
 #include "mixer/mixer_handle.h"
+#include "mixer/paths.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -156,28 +158,42 @@ int mixer_test(Args args)
     return kFailed;
 }
 
-// The library's named paths that an exported function applies on its own.
+// The library's named paths, applied whole through the exported path applier, as the library's
+// own operations apply them.
 struct NamedPath {
     std::string_view name;
+    std::span<const tvox::PathEntry> steps;
     std::string_view effect;
-    int32_t (*apply)();
 };
 
 constexpr std::array kPaths = {
-    NamedPath{"amp_off", "both amplifiers' PCM source Zero and switched off (tervox_calib_exit)",
-              [] { return tervox_calib_exit(); }},
-    NamedPath{"dsp_source", "both amplifiers fed from the DSP (tervox_dsp_bypass off)",
-              [] { return tervox_dsp_bypass(nullptr, 0); }},
-    NamedPath{"dsp_bypass", "both amplifiers fed from the audio port (tervox_dsp_bypass on)",
-              [] { return tervox_dsp_bypass(nullptr, 1); }},
-    NamedPath{"reload_off",
+    NamedPath{"spk_playback", tvox::spk_playback_path,
+              "speaker routing of the playback test (tervox_tplay_test)"},
+    NamedPath{"rcv_playback", tvox::rcv_playback_path,
+              "receiver routing of the playback test (tervox_tplay_test)"},
+    NamedPath{"amp_off", tvox::amp_off_path,
+              "both amplifiers' PCM source Zero and switched off (tervox_calib_exit)"},
+    NamedPath{"amp_on_dsp", tvox::amp_on_dsp_path,
+              "both amplifiers fed from the DSP and switched on (calibration start)"},
+    NamedPath{"cal_mode", tvox::cal_mode_path,
+              "both DSPs in calibration mode at 30 degrees ambient (calibration)"},
+    NamedPath{"run_mode", tvox::run_mode_path,
+              "both DSPs back in protection mode (after a calibration)"},
+    NamedPath{"dsp_source", tvox::dsp_source_path,
+              "both amplifiers fed from the DSP (tervox_dsp_bypass off)"},
+    NamedPath{"dsp_bypass", tvox::dsp_bypass_path,
+              "both amplifiers fed from the audio port (tervox_dsp_bypass on)"},
+    NamedPath{"reload_off", tvox::reload_off_path,
               "both amplifiers muted and switched off for a firmware reload "
-              "(tervox_reload_firmware)",
-              [] { return tervox_reload_firmware(); }},
-    NamedPath{"boot_firmware",
+              "(tervox_reload_firmware)"},
+    NamedPath{"boot_firmware", tvox::boot_firmware_path,
               "the protection firmware selected, preloaded and booted on both DSPs "
-              "(tervox_boot_loader)",
-              [] { return tervox_boot_loader(); }},
+              "(tervox_boot_loader)"},
+    NamedPath{"rtlog_setup", tvox::rtlog_setup_path,
+              "the live log's four variables selected and logging enabled (tervox_prot_rtlog)"},
+    NamedPath{"rtlog_state_clear", tvox::rtlog_state_clear_path,
+              "the live log's state words cleared before a sample (tervox_prot_rtlog)"},
+    NamedPath{"rtlog_stop", tvox::rtlog_stop_path, "live logging disabled (tervox_prot_rtlog)"},
 };
 
 int path(Args args)
@@ -187,7 +203,7 @@ int path(Args args)
     const std::string_view name = args[0];
     if (name == "--list") {
         for (const NamedPath &path : kPaths)
-            std::printf("%-14.*s %.*s\n", static_cast<int>(path.name.size()), path.name.data(),
+            std::printf("%-18.*s %.*s\n", static_cast<int>(path.name.size()), path.name.data(),
                         static_cast<int>(path.effect.size()), path.effect.data());
         return 0;
     }
@@ -195,7 +211,7 @@ int path(Args args)
         if (path.name != name)
             continue;
         Session session;
-        const int32_t result = path.apply();
+        const int32_t result = tvox::apply_path(path.steps);
         if (result == kNoMixer && !card0_opens())
             return kFailed;
         if (result == 0)
