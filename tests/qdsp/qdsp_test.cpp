@@ -220,15 +220,13 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
         {params, block_line(long_block), long_block, ""}, // read whole
     };
     constexpr uint32_t kParam[] = {kRxConfig, kDelta, kParams};
+    constexpr int32_t (*kLoad[])(const char *) = {tervox_qdsp_load_tuning, tervox_qdsp_delta_tuning,
+                                                  tervox_qdsp_set_params};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text.substr(0, 40));
         clear_journal();
         LogCapture log;
-        const std::string path = tuning_file(c.text);
-        const int result = c.loader == rx      ? tervox_qdsp_load_tuning(path.c_str())
-                           : c.loader == delta ? tervox_qdsp_delta_tuning(path.c_str())
-                                               : tervox_qdsp_set_params(path.c_str());
-        EXPECT_EQ(result, c.sent ? 0 : -1);
+        EXPECT_EQ(kLoad[c.loader](tuning_file(c.text).c_str()), c.sent ? 0 : -1);
         const uint32_t param = kParam[c.loader];
         if (c.sent) {
             EXPECT_EQ(requests(), transfer_lines(param, c.sent->size()));
@@ -245,11 +243,10 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
     ASSERT_EQ(tervox_qdsp_delta_tuning(tuning_file(kGoodBlock).c_str()), 0);
     EXPECT_EQ(last_chunk(11),
               (std::vector<uint32_t>{20, 20, 1, 0, 0, 4, 5, 100, 200, 300, 0xFFD3E707}));
-}
 
-TEST_F(DriverTest, FilesThatDoNotOpenSendNothing)
-{
-    for (auto load : {tervox_qdsp_load_tuning, tervox_qdsp_delta_tuning, tervox_qdsp_set_params}) {
+    // Files that do not open send nothing.
+    clear_journal();
+    for (auto load : kLoad) {
         LogCapture log;
         EXPECT_EQ(load("/no/such/tuning.txt"), -1);
         EXPECT_TRUE(log.contains("Cannot open file - '/no/such/tuning.txt'\n"));
