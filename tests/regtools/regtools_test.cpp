@@ -82,16 +82,14 @@ class RegToolsTest : public tvox::test::SimContextTest
     // A live log run with standard output, error and the log file captured.
     struct Run {
         int32_t result;
-        std::string out;
-        std::string err;
+        std::string out, err;
         std::vector<std::string> file;
     };
     Run rtlog(int32_t interval_ms)
     {
         Run run{};
         {
-            StreamCapture out(1);
-            StreamCapture err(2);
+            StreamCapture out(1), err(2);
             run.result = tervox_prot_rtlog(interval_ms);
             run.out = out.text();
             run.err = err.text();
@@ -457,7 +455,7 @@ TEST_F(RegToolsTest, ReloadMutesAndBootStartsTheFirmware)
     EXPECT_EQ(card0_journal(), journal_of({tvox::boot_firmware_path}));
 }
 
-TEST_F(RegToolsTest, DspSwapExchangesTheChannelBalance)
+TEST_F(RegToolsTest, SwapsExchangeTheDspBalanceOrGoThroughTheContextSlot)
 {
     const std::vector<uint8_t> own{0, 0, 0, 0}, other{0, 40, 0, 0};
     LogCapture log;
@@ -470,22 +468,17 @@ TEST_F(RegToolsTest, DspSwapExchangesTheChannelBalance)
     EXPECT_EQ(tvox::test::tervox_lines(log, ANDROID_LOG_DEBUG),
               (std::vector<std::string>{"tervox_vesk_channel_swap: swap = 1, val = 0",
                                         "tervox_vesk_channel_swap: swap = 0, val = 0"}));
-}
 
-int32_t g_swap_argument = -1;
-int32_t recording_swap(int32_t swap)
-{
-    g_swap_argument = swap;
-    return 42;
-}
-
-TEST_F(RegToolsTest, ChannelSwapGoesThroughTheContextSlot)
-{
-    ctx_.channel_swap = recording_swap;
+    // The generic swap goes through the context's slot, with bit 0 of its argument.
+    static int32_t argument = -1;
+    ctx_.channel_swap = [](int32_t swap) {
+        argument = swap;
+        return 42;
+    };
     EXPECT_EQ(tervox_channel_swap(3), 42);
-    EXPECT_EQ(g_swap_argument, 1);
+    EXPECT_EQ(argument, 1);
     EXPECT_EQ(tervox_channel_swap(2), 42);
-    EXPECT_EQ(g_swap_argument, 0);
+    EXPECT_EQ(argument, 0);
 }
 
 } // namespace
