@@ -64,18 +64,38 @@ std::vector<std::string> transfer_lines(uint32_t param, size_t words)
     return lines;
 }
 
-// Blocks whose words add up to `count` (0, or at least 2 per block).
-std::vector<std::vector<uint32_t>> blocks_of(std::vector<size_t> sizes)
+// A tuning file of sealed blocks of these sizes (at least 2 words each): its text and its words.
+std::pair<std::string, std::vector<uint32_t>> file_of(const std::vector<size_t> &sizes)
 {
-    std::vector<std::vector<uint32_t>> blocks;
+    std::pair<std::string, std::vector<uint32_t>> file;
     uint32_t next = 1000;
     for (size_t size : sizes) {
         std::vector<uint32_t> payload(size - 2);
         for (uint32_t &word : payload)
             word = next++;
-        blocks.push_back(sealed_words(payload));
+        const std::vector<uint32_t> block = sealed_words(payload);
+        file.first += block_line(block);
+        file.second.insert(file.second.end(), block.begin(), block.end());
     }
-    return blocks;
+    return file;
+}
+
+// The final chunk of a transfer of `words` as sent: its header (five words, six for a delta),
+// then its own words and behind them what the previous chunk of the transfer left.
+std::vector<uint32_t> final_chunk(const std::vector<uint32_t> &words, bool delta)
+{
+    std::vector<uint32_t> chunk = {static_cast<uint32_t>(words.size() * 4),
+                                   static_cast<uint32_t>(words.size() % 90 * 4), 1, 0};
+    if (delta)
+        chunk.push_back(0);
+    chunk.push_back(4);
+    const size_t full_chunks = words.size() / 90;
+    for (size_t i = 0; i < 90; ++i) {
+        const size_t own = full_chunks * 90 + i;
+        const size_t stale = full_chunks > 0 ? (full_chunks - 1) * 90 + i : words.size();
+        chunk.push_back(own < words.size() ? words[own] : stale < words.size() ? words[stale] : 0);
+    }
+    return chunk;
 }
 
 class DriverTest : public tvox::test::SimTest
@@ -135,48 +155,6 @@ class DriverTest : public tvox::test::SimTest
     }
 };
 
-TEST_F(DriverTest, ChunkLayoutsOfBothHeaderForms)
-{
-    for (const bool delta : {false, true}) {
-        const uint32_t param = delta ? kDelta : kParams;
-        const size_t header = delta ? 6 : 5;
-        for (const std::vector<size_t> &block_sizes : {std::vector<size_t>{}, {90}, {90, 91}}) {
-            std::vector<uint32_t> words;
-            std::string text;
-            for (const auto &block : blocks_of(block_sizes)) {
-                words.insert(words.end(), block.begin(), block.end());
-                text += block_line(block);
-            }
-            SCOPED_TRACE(std::to_string(words.size()) + (delta ? " words, delta" : " words"));
-            clear_journal();
-            const std::string path = tuning_file(text);
-            ASSERT_EQ(delta ? tervox_qdsp_delta_tuning(path.c_str())
-                            : tervox_qdsp_set_params(path.c_str()),
-                      0);
-
-            EXPECT_EQ(requests(), transfer_lines(param, words.size()));
-            EXPECT_EQ(config(param), words);
-
-            // The final chunk as sent: its header, and behind its own words the previous chunk's.
-            std::vector<uint32_t> final_chunk = {static_cast<uint32_t>(words.size() * 4),
-                                                 static_cast<uint32_t>(words.size() % 90 * 4), 1,
-                                                 0};
-            if (delta)
-                final_chunk.push_back(0);
-            final_chunk.push_back(4);
-            const size_t full_chunks = words.size() / 90;
-            for (size_t i = 0; i < 90; ++i) {
-                const size_t own = full_chunks * 90 + i;
-                const size_t stale = full_chunks > 0 ? (full_chunks - 1) * 90 + i : words.size();
-                final_chunk.push_back(own < words.size()     ? words[own]
-                                      : stale < words.size() ? words[stale]
-                                                             : 0);
-            }
-            EXPECT_EQ(last_chunk(header + 90), final_chunk);
-        }
-    }
-}
-
 // Every loader checks each block's size and CRC before anything goes out; the delta loader closes
 // the transfer whatever it found.
 TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
@@ -186,7 +164,9 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
     const std::vector<uint32_t> small = {3, 7, 0x767AE033};
     std::vector<uint32_t> both = kGoodWords;
     both.insert(both.end(), small.begin(), small.end());
-    const std::vector<uint32_t> long_block = blocks_of({20000}).front();
+    const auto [one_chunk, one_chunk_words] = file_of({90});
+    const auto [two_chunks, two_chunks_words] = file_of({90, 91});
+    const auto [long_line, long_block] = file_of({20000});
     enum Loader { rx, delta, params };
     struct Case {
         Loader loader;
@@ -208,16 +188,22 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
         {delta, "5,100,200,300,1\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
         {delta, kGoodBlock + "5,100,200,300,1\n", std::nullopt, "CRC Failed on delta_buf[1]!\n"},
         {delta, "", std::vector<uint32_t>{}, ""},
+        // Full chunks of 90 words, the final one empty when the words fill them.
+        {delta, one_chunk, one_chunk_words, ""},
+        {delta, two_chunks, two_chunks_words, ""},
+        {params, "", std::vector<uint32_t>{}, ""},
+        {params, one_chunk, one_chunk_words, ""},
+        {params, two_chunks, two_chunks_words, ""},
         // Untrusted sizes and tokens stay inside their line.
         {params, "1000000,1,2\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
         {params, "6,100,200,300,4292077319\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
         {params, "0\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
         {params, "-5,1,2\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
         {params, "\n", std::nullopt, "CRC Failed on delta_buf[0]!\n"},
-        {params, "3,7,1987764275,99,98\n", small, ""},    // tokens past the block are ignored
-        {params, "3,7,1987764275,\n", small, ""},         // a trailing comma fills the spare word
-        {params, "  +3, 7x,1987764275\n", small, ""},     // strtol's reading of each token
-        {params, block_line(long_block), long_block, ""}, // read whole
+        {params, "3,7,1987764275,99,98\n", small, ""}, // tokens past the block are ignored
+        {params, "3,7,1987764275,\n", small, ""},      // a trailing comma fills the spare word
+        {params, "  +3, 7x,1987764275\n", small, ""},  // strtol's reading of each token
+        {params, long_line, long_block, ""},           // read whole
     };
     constexpr uint32_t kParam[] = {kRxConfig, kDelta, kParams};
     constexpr int32_t (*kLoad[])(const char *) = {tervox_qdsp_load_tuning, tervox_qdsp_delta_tuning,
@@ -231,6 +217,8 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
         if (c.sent) {
             EXPECT_EQ(requests(), transfer_lines(param, c.sent->size()));
             EXPECT_EQ(config(param), c.sent);
+            EXPECT_EQ(last_chunk(c.loader == delta ? 96 : 95),
+                      final_chunk(*c.sent, c.loader == delta));
         } else {
             EXPECT_EQ(requests(), c.loader == delta ? std::vector{value_line(kDeltaDone, 0)}
                                                     : std::vector<std::string>{});
@@ -339,10 +327,7 @@ TEST_F(DriverTest, TransfersFollowTheDeviceNameAndSurviveFailingRequests)
     fault("none");
     fault("chunk 1 --errno 16");
     clear_journal();
-    std::string text;
-    for (const auto &block : blocks_of({90, 91}))
-        text += block_line(block);
-    EXPECT_EQ(tervox_qdsp_set_params(tuning_file(text).c_str()), 0);
+    EXPECT_EQ(tervox_qdsp_set_params(tuning_file(file_of({90, 91}).first).c_str()), 0);
     EXPECT_EQ(requests(), (std::vector<std::string>{
                               chunk_line(kParams, 181, 90, false, "EBUSY (fault)"),
                               chunk_line(kParams, 181, 90, false),
