@@ -20,9 +20,7 @@
 namespace
 {
 
-using tvox::test::block_line;
 using tvox::test::LogCapture;
-using tvox::test::sealed_words;
 
 constexpr uint32_t kRxConfig = 0xA1AF05;
 constexpr uint32_t kDelta = 0xA1AF0D;
@@ -70,11 +68,13 @@ std::pair<std::string, std::vector<uint32_t>> file_of(const std::vector<size_t> 
     std::pair<std::string, std::vector<uint32_t>> file;
     uint32_t next = 1000;
     for (size_t size : sizes) {
-        std::vector<uint32_t> payload(size - 2);
-        for (uint32_t &word : payload)
-            word = next++;
-        const std::vector<uint32_t> block = sealed_words(payload);
-        file.first += block_line(block);
+        std::vector<uint32_t> block{static_cast<uint32_t>(size)};
+        while (block.size() < size - 1)
+            block.push_back(next++);
+        block.push_back(tvox::test::zlib_crc(block));
+        for (uint32_t word : block)
+            file.first += std::to_string(word) + ",";
+        file.first.back() = '\n';
         file.second.insert(file.second.end(), block.begin(), block.end());
     }
     return file;
