@@ -33,9 +33,7 @@ class LiveLogTest : public tvox::test::ModelTest
     uint32_t read_reg(const std::string &letter, uint32_t reg)
     {
         mailbox(letter, 0x181, reg, 0);
-        std::array<uint8_t, 12> block{};
-        EXPECT_EQ(mixer_ctl_get_array(ctl(letter + " AMP WR Registers"), block.data(), 12), 0);
-        return static_cast<uint32_t>(block[8]) << 24 | block[9] << 16 | block[10] << 8 | block[11];
+        return static_cast<uint32_t>(words<3>(letter + " AMP WR Registers", 31)[2]);
     }
 
     // The log configured and fed on both channels, as the live log tool sets it up.
