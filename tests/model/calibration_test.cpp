@@ -1,7 +1,8 @@
-// Calibration on the virtual amplifiers: what the read-back controls report while and after the
-// DSP is in calibration mode, with and without silence reaching the amplifiers.
+// Calibration and the F0 diagnosis on the virtual amplifiers: what the read-back controls report
+// while and after the DSP is in calibration mode, and after long enough silent runs.
 #include "model_fixture.h"
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -10,7 +11,6 @@ namespace
 
 using tvox::sim::now_ns;
 using tvox::sim::SpeakerFault;
-using tvox::test::expected_raw;
 using CalibrationTest = tvox::test::ModelTest;
 
 // Every control the library reads a channel's calibration from agrees on status and CAL_R, and
@@ -39,14 +39,14 @@ TEST_F(CalibrationTest, SilenceInCalibrationModeMeasuresEachSpeakerAndTheResultS
     EXPECT_EQ(word("T DSP Get CAL_STATUS"), 0);
 
     wait_settled();
-    expect_result(*this, "T", 1, expected_raw(6.2));
-    expect_result(*this, "B", 1, expected_raw(7.5));
+    expect_result(*this, "T", 1, 8672);
+    expect_result(*this, "B", 1, 10490);
 
     // Run mode, stream gone, speaker changed: the firmware keeps its result.
     set("T DSP Mode", 1);
     record_stream(now_ns() - 3 * kSecond, now_ns(), 0.0);
     set_speaker(0, 5.0);
-    expect_result(*this, "T", 1, expected_raw(6.2));
+    expect_result(*this, "T", 1, 8672);
 }
 
 TEST_F(CalibrationTest, StreamsThatAreLoudOrElsewhereAreNoSilence)
@@ -71,15 +71,53 @@ TEST_F(CalibrationTest, SpeakerFaultsShowInStatusAndResistance)
     wait_settled();
     // Open: failed, and the largest resistance a word holds. Shorted: a tenth of an ohm.
     expect_result(*this, "T", 4, 0xFFFFFF);
-    expect_result(*this, "B", 1, expected_raw(0.1));
+    expect_result(*this, "B", 1, 140);
 
     // A failing calibration keeps the true resistance; an F0 fault leaves calibration alone.
     set_speaker(0, 6.5, SpeakerFault::calibration_failure);
     set_speaker(1, 6.5, SpeakerFault::f0_failure);
     calibrate_both();
     wait_settled();
-    expect_result(*this, "T", 4, expected_raw(6.5));
-    expect_result(*this, "B", 1, expected_raw(6.5));
+    expect_result(*this, "T", 4, 9091);
+    expect_result(*this, "B", 1, 9091);
+}
+
+using Diag = std::array<int32_t, 3>; // F0 status, F0, Z_LOW_DIFF
+
+// The diagnosis of a channel, checked to be the same on both parameter tables.
+Diag diag(CalibrationTest &test, const std::string &x)
+{
+    Diag both[2];
+    for (int i = 0; i < 2; ++i) {
+        const std::string prefix = x + (i == 0 ? " Protection 5f210 " : " DSP1 Protection 5f210 ");
+        both[i] = {test.word(prefix + "DIAG_F0_STATUS"), test.word(prefix + "DIAG_F0"),
+                   test.word(prefix + "DIAG_Z_LOW_DIFF")};
+    }
+    EXPECT_EQ(both[0], both[1]) << x;
+    return both[0];
+}
+
+using DiagnosticTest = CalibrationTest;
+
+TEST_F(DiagnosticTest, EachLongEnoughSilentRunMeasuresF0OfTheSpeakersOfTheMoment)
+{
+    set_speaker(0, 5.5, SpeakerFault::none, 812.4);
+    set_speaker(1, 6.5, SpeakerFault::f0_failure, 1000);
+
+    // A second of silence is too short; the amplifiers need not be on.
+    const int64_t now = now_ns();
+    record_stream(now - 3 * kSecond, now - 2 * kSecond, 0.0);
+    EXPECT_EQ(diag(*this, "T")[0], 0);
+    record_stream(now - 2 * kSecond, now, 0.0);
+    // Measured resistance below the CAL_R in use: a negative difference.
+    EXPECT_EQ(diag(*this, "T"), (Diag{2, 812, -699}));
+    EXPECT_EQ(diag(*this, "B"), (Diag{1, 1000, 700}));
+
+    // The DSP now works with the speaker's own CAL_R: the next measurement finds no difference.
+    set("T DSP Set CAL_R", 7692);
+    EXPECT_EQ(diag(*this, "T")[2], -699);
+    record_stream(now_ns() - 2 * kSecond, 0, 0.0);
+    EXPECT_EQ(diag(*this, "T")[2], 0);
 }
 
 } // namespace

@@ -11,18 +11,11 @@
 
 #include <array>
 #include <chrono>
-#include <cmath>
 #include <string>
 #include <thread>
 
 namespace tvox::test
 {
-
-// Raw resistance code of a speaker of `ohms`, as the amplifier scales it.
-inline int32_t expected_raw(double ohms)
-{
-    return static_cast<int32_t>(std::lround(ohms * 8192 / 5.85714));
-}
 
 // Helpers are public: free functions of the tests read whole groups of controls through them.
 class ModelTest : public MixerSimTest<0>
@@ -36,15 +29,22 @@ class ModelTest : public MixerSimTest<0>
     }
     int get(const std::string &name) { return mixer_ctl_get_value(ctl(name), 0); }
 
-    // The 4-byte big-endian DSP word of a control, as the signed 25-bit number it holds.
-    int32_t word(const std::string &name)
+    // The first N big-endian words of a control, each sign-extended from bit `sign_bit`.
+    template <size_t N> std::array<int32_t, N> words(const std::string &name, int sign_bit)
     {
-        std::array<uint8_t, 4> bytes{0xAA, 0xAA, 0xAA, 0xAA};
+        std::array<uint8_t, 4 * N> bytes;
+        bytes.fill(0xAA);
         EXPECT_EQ(mixer_ctl_get_array(ctl(name), bytes.data(), bytes.size()), 0) << name;
-        const uint32_t value =
-            static_cast<uint32_t>(bytes[0]) << 24 | bytes[1] << 16 | bytes[2] << 8 | bytes[3];
-        return static_cast<int32_t>((value & 0x1FFFFFF) << 7) >> 7;
+        std::array<int32_t, N> words{};
+        for (size_t w = 0; w < N; ++w) {
+            const uint32_t raw = static_cast<uint32_t>(bytes[4 * w]) << 24 |
+                                 bytes[4 * w + 1] << 16 | bytes[4 * w + 2] << 8 | bytes[4 * w + 3];
+            words[w] = static_cast<int32_t>(raw << (31 - sign_bit)) >> (31 - sign_bit);
+        }
+        return words;
     }
+    // A DSP word of a control, as the signed 25-bit number it holds.
+    int32_t word(const std::string &name) { return words<1>(name, 24)[0]; }
 
     // Amplifiers on and fed by the DSP, as the calibration path sets them, then calibration mode.
     void calibrate_both()

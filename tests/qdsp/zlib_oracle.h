@@ -8,8 +8,6 @@
 
 #include <cstdint>
 #include <span>
-#include <string>
-#include <vector>
 
 namespace tvox::test
 {
@@ -32,24 +30,6 @@ inline uint32_t zlib_crc(std::span<const uint32_t> words)
         crc = crc32(crc, bytes, 4);
     }
     return static_cast<uint32_t>(crc);
-}
-
-// The words of a block around `payload`: {N, payload..., CRC}.
-inline std::vector<uint32_t> sealed_words(const std::vector<uint32_t> &payload)
-{
-    std::vector<uint32_t> words{static_cast<uint32_t>(payload.size() + 2)};
-    words.insert(words.end(), payload.begin(), payload.end());
-    words.push_back(zlib_crc(words));
-    return words;
-}
-
-// One block line of a tuning file.
-inline std::string block_line(const std::vector<uint32_t> &words)
-{
-    std::string line;
-    for (uint32_t word : words)
-        line += (line.empty() ? "" : ",") + std::to_string(word);
-    return line + "\n";
 }
 
 } // namespace tvox::test

@@ -1,15 +1,22 @@
-// A library loaded before libtvoxsp exports another itoa and another self: the process sees those,
-// yet the library's own formatting reaches the library's itoa, and its context the library's
-// self, leaving the rival's untouched. This executable never names `self` itself, so that the
-// process's `self` stays the rival's (a direct read would give this program a copy of it).
+// Libraries loaded before libtvoxsp export their own itoa, self and crc32 (zlib, as in most audio
+// server processes): the process sees those, yet the library's own formatting reaches the
+// library's itoa, its context the library's self and its tuning checks the library's crc32,
+// leaving the rivals untouched. This executable never names `self` itself, so that the process's
+// `self` stays the rival's (a direct read would give this program a copy of it).
+#include "support/capture.h"
 #include "tvoxsp.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <array>
 #include <memory>
 #include <string>
+
+// zlib.h cannot meet tvoxsp.h (both declare crc32); this reference keeps zlib a dependency.
+extern "C" const char *zlibVersion(void);
 
 namespace
 {
@@ -67,6 +74,29 @@ TEST(RivalBinding, TheContextNeverReachesAnEarlierSelf)
     EXPECT_EQ(tervox_cal_deinit(&ctx), 0);
     EXPECT_EQ(*own_self, &ctx);
     EXPECT_EQ(*rival_self, rival_self);
+}
+
+TEST(Crc32Binding, TuningChecksIgnoreZlibsEarlierExport)
+{
+    const Handle zlib = loaded("libz.so.1");
+    const Handle own = loaded("libtvoxsp.so");
+    ASSERT_NE(zlibVersion(), nullptr);
+    ASSERT_NE(zlib, nullptr) << "the test links zlib ahead of libtvoxsp";
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "crc32"), dlsym(zlib.get(), "crc32"));
+    EXPECT_NE(dlsym(own.get(), "crc32"), dlsym(zlib.get(), "crc32"));
+
+    char path[] = "/tmp/tvoxsp_crc32_bindingXXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    const std::string block = "5,100,200,300,4292077319\n";
+    ASSERT_EQ(write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
+    close(fd);
+    tvox::test::LogCapture log;
+    // zlib's crc32 would read the block's address as a running CRC and fail the check.
+    EXPECT_EQ(tervox_qdsp_delta_tuning(path), 0);
+    EXPECT_TRUE(log.contains("CRC: calc = -2889977, match = -2889977\n"));
+    unlink(path);
 }
 
 } // namespace
