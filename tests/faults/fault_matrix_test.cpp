@@ -5,12 +5,11 @@
 // suite) and, where nothing is to be written, that the persist folder is exactly as it was.
 #include "calibration/context_fixture.h"
 #include "support/mixer.h"
+#include "support/permission_bits.h"
 
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -23,6 +22,7 @@ namespace
 {
 
 using tvox::test::LogCapture;
+using tvox::test::PermissionBits;
 using tvox::test::read_file;
 using tvox::test::StreamCapture;
 using tvox::test::words_bytes;
@@ -95,9 +95,6 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
         write_file(phone(persist("tvox_calr.txt")),
                    "CH[0] T : 8391 (6.00)\nCH[1] B : 8392 (6.00)\n");
     }
-
-    // A path of the phone as it lies in this row's simulator folder.
-    std::string phone(const std::string &path) const { return sim_dir() + "/phone" + path; }
 
     Files persist_files() const
     {
@@ -210,6 +207,7 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
     using SimTest::folder_file;
     using SimTest::install_phone;
     using SimTest::int_values;
+    using SimTest::phone;
     using SimTest::preset_enum;
     using SimTest::sim_dir;
     using SimTest::tool;
@@ -218,28 +216,6 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
     std::thread interrupter_;
     std::string wav_path_;
     std::array<const char *, TERVOX_NUM_CTLS> renamed_{};
-};
-
-// Permission bits bind the calling thread as they bind the audio server, while it lives:
-// without the capabilities that let root write read-only files and folders.
-class PermissionBits
-{
-  public:
-    PermissionBits()
-    {
-        syscall(SYS_capget, &header_, saved_);
-        __user_cap_data_struct reduced[2] = {saved_[0], saved_[1]};
-        for (const unsigned cap : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
-            reduced[cap / 32].effective &= ~(1u << (cap % 32));
-        syscall(SYS_capset, &header_, reduced);
-    }
-    ~PermissionBits() { syscall(SYS_capset, &header_, saved_); }
-    PermissionBits(const PermissionBits &) = delete;
-    PermissionBits &operator=(const PermissionBits &) = delete;
-
-  private:
-    __user_cap_header_struct header_ = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct saved_[2] = {};
 };
 
 TEST_P(FaultMatrixTest, OutcomeAndNothingLeftBehind)

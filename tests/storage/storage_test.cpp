@@ -1,9 +1,7 @@
 #include "calibration/context_fixture.h"
+#include "support/permission_bits.h"
 
-#include <linux/capability.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -85,27 +83,11 @@ TEST_F(FilesTest, CalFwriteReportsTheTextWriteAndCalFreadMarksUncalibratedChanne
     }
 }
 
-// Runs `body` in a child process whose permission bits bind as they bind the audio server:
-// without the capabilities that let root write read-only files and folders. Returns the
-// body's result.
+// Runs `body` with permission bits that bind as they bind the audio server.
 int32_t with_permission_bits(const std::function<int32_t()> &body)
 {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-        __user_cap_data_struct caps[2] = {};
-        if (syscall(SYS_capget, &header, caps) != 0)
-            _exit(100);
-        for (const unsigned cap : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH})
-            caps[cap / 32].effective &= ~(1u << (cap % 32));
-        if (syscall(SYS_capset, &header, caps) != 0)
-            _exit(101);
-        _exit(static_cast<uint8_t>(body()));
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return 1000;
-    return static_cast<int8_t>(WEXITSTATUS(status));
+    const tvox::test::PermissionBits bits;
+    return body();
 }
 
 // A rewrite that fails on the device or in the folder keeps the previous file whole.
@@ -123,7 +105,6 @@ class FileReplacementTest : public FilesTest
         write_file(phone(kPersistTxt), "previous text\n");
         write_file(phone(kPersistF0), words_bytes({800, 790}));
     }
-    std::string phone(const char *path) const { return sim_dir() + "/phone" + path; }
     void expect_previous_files()
     {
         EXPECT_EQ(read_file(phone(kPersistBin)), words_bytes({7000, 7001}));

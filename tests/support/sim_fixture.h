@@ -69,6 +69,8 @@ class SimTest : public ::testing::Test
     std::string folder_file(std::string_view name, std::string_view text) const;
     // Gives the folder its phone folder, as `tvoxsim init` does.
     void install_phone();
+    // Where a path of the phone ("/mnt/vendor/persist/...") lies in the simulator folder.
+    std::string phone(std::string_view path) const { return dir_ + "/phone" + std::string(path); }
     // The loudspeaker behind amplifier channel `channel` (0 is T, 1 is B).
     void set_speaker(unsigned channel, double ohms,
                      tvox::sim::SpeakerFault fault = tvox::sim::SpeakerFault::none,
