@@ -94,7 +94,7 @@ class RegToolsTest : public tvox::test::SimContextTest
             run.out = out.text();
             run.err = err.text();
         }
-        run.file = lines_of(tvox::test::read_file(sim_dir() + "/phone/sdcard/Download/rtlog.txt"));
+        run.file = lines_of(tvox::test::read_file(phone("/sdcard/Download/rtlog.txt")));
         return run;
     }
 
