@@ -50,6 +50,13 @@ class CalibrationE2eTest : public tvox::test::SimContextTest
         EXPECT_EQ(length, 0);
     }
 
+    // The tvoxsp tool's standard output (the library logs to standard error on a host) and exit
+    // status.
+    static tvox::test::CommandResult tvoxsp(const std::string &arguments)
+    {
+        return run_command("{ " TVOXSP_TOOL_PATH " " + arguments + " 2>/dev/null; }");
+    }
+
     std::filesystem::path persist_;
 };
 
@@ -137,35 +144,21 @@ TEST_F(CalibrationE2eTest, DiagnosticWithAFailingF0WritesNothing)
     EXPECT_EQ(std::vector(journal.end() - off.size(), journal.end()), off);
 }
 
-} // namespace
-
-namespace
-{
-
 // The tvoxsp tool, a program of its own over the exported interface: the stored-calibration
 // report beside what the DSP and the kernel hold, and its exit statuses.
 TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
 {
     std::ofstream(persist_ / "tvox_calr.bin", std::ios::binary) << words_bytes({8392, 7692});
-    const std::string tool = TVOXSP_TOOL_PATH;
-    // The library's log goes to standard error on a host; only the report is compared.
-    const auto report = run_command("{ " + tool + " report 2>/dev/null; }");
+    const auto report = tvoxsp("report");
     EXPECT_EQ(report.status, 0);
     // "T DSP Set CAL_R" holds 8391: as a plain integer for the kernel column, and read as a
     // big-endian DSP word (bytes C7 20 00 00) for the DSP column.
     EXPECT_EQ(report.output, "'CHANNEL'     'FS'     'AMP DSP'  'KERNEL'\n"
                              "CH[0]: 6.00( 8392) - -14680064 -     8391\n"
                              "CH[1]: 5.50( 7692) - -14680064 -     8391\n");
-    EXPECT_EQ(run_command(tool + " --help >/dev/null").status, 0);
-    for (const char *bad : {"", " calibrate now", " no-such-command", " report --f1"})
-        EXPECT_EQ(run_command(tool + bad + " 2>/dev/null").status, 2) << bad;
-}
-
-// The tool's standard output (the library logs to standard error on a host) and exit status.
-tvox::test::CommandResult tvoxsp(const std::string &arguments)
-{
-    return tvox::test::SimTest::run_command("{ " + std::string(TVOXSP_TOOL_PATH) + " " + arguments +
-                                            " 2>/dev/null; }");
+    EXPECT_EQ(tvoxsp("--help >/dev/null").status, 0);
+    for (const char *bad : {"", "calibrate now", "no-such-command", "report --f1"})
+        EXPECT_EQ(tvoxsp(bad).status, 2) << bad;
 }
 
 TEST_F(CalibrationE2eTest, ToolReadsBackWhatWasStoredAndFailsWhenStoringFailed)
@@ -222,8 +215,8 @@ TEST_F(CalibrationE2eTest, ToolOutsideTheSimulatorSaysWhereToRunIt)
 {
     const std::string errors = sim_dir() + "/errors";
     const auto outside =
-        run_command("{ TINYALSA_CARD_0=tvoxsp_test_no_such_card " + std::string(TVOXSP_TOOL_PATH) +
-                    " calibrate 2>" + errors + "; }");
+        run_command("{ TINYALSA_CARD_0=tvoxsp_test_no_such_card " TVOXSP_TOOL_PATH " calibrate 2>" +
+                    errors + "; }");
     EXPECT_EQ(outside.status, 1);
     EXPECT_EQ(outside.output, "");
     EXPECT_NE(read_file(errors).find("tvoxsp: no card 0: run it on the device or inside tvoxsim\n"),
@@ -235,11 +228,10 @@ TEST_F(CalibrationE2eTest, ToolOutsideTheSimulatorSaysWhereToRunIt)
 // still measure during the first one's silence.
 TEST_F(CalibrationE2eTest, TwoToolsAtOnceShareTheDeviceAsOnAPhone)
 {
-    const std::string tool = TVOXSP_TOOL_PATH;
     const std::string first = sim_dir() + "/first", second = sim_dir() + "/second";
-    const auto both =
-        run_command("{ " + tool + " calibrate >" + first + " 2>/dev/null & sleep 0.5; " + tool +
-                    " calibrate >" + second + " 2>/dev/null; s=$?; wait $! && exit $s; }");
+    const auto both = run_command("{ " TVOXSP_TOOL_PATH " calibrate >" + first +
+                                  " 2>/dev/null & sleep 0.5; " TVOXSP_TOOL_PATH " calibrate >" +
+                                  second + " 2>/dev/null; s=$?; wait $! && exit $s; }");
     EXPECT_EQ(both.status, 0) << both.output;
     const std::string busy = "Unable to open PCM device 100 (cannot open device 'tvoxsim:100,100': "
                              "Device or resource busy)\n";

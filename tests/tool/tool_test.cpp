@@ -136,6 +136,10 @@ TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
     EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{100, 200}));
     EXPECT_EQ(bytes(0, "T DSP1 Protection cd RTLOG_COUNT"),
               (std::vector<uint8_t>{0x00, 0x00, 0x01, 0xff}));
+    // The mixer self-test reads back the value it sets.
+    const CommandResult test = tvoxsp("mixer-test");
+    EXPECT_EQ(test.status, 0);
+    EXPECT_TRUE(contains(test.output, "Default: 00 00 15 14, num=4\n")) << test.output;
 }
 
 TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
@@ -169,20 +173,13 @@ TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
     EXPECT_EQ(int_values(0, "B DSP1 Boot Switch"), std::vector<long>{1});
 }
 
-TEST_F(TvoxspToolTest, MixerSelfTestReadsBackItsValue)
-{
-    const CommandResult test = tvoxsp("mixer-test");
-    EXPECT_EQ(test.status, 0);
-    EXPECT_TRUE(contains(test.output, "Default: 00 00 15 14, num=4\n")) << test.output;
-}
-
 TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
 {
+    setenv("TINYALSA_CARD_0", "tvoxsp_test_no_such_card", 1);
     for (const char *command :
          {"get 'T DSP Mode'", "set 'T DSP Mode' 1", "mixer-test", "path amp_off", "reload", "boot",
           "bypass on", "bypass T off", "play"}) {
-        const CommandResult result = run_command("TINYALSA_CARD_0=tvoxsp_test_no_such_card " +
-                                                 std::string(TVOXSP_TOOL_PATH) + " " + command);
+        const CommandResult result = tvoxsp(command);
         EXPECT_EQ(result.status, 1) << command << "\n" << result.output;
         EXPECT_TRUE(contains(result.output, "mixer does not open") ||
                     contains(result.output, "no card 0"))
@@ -253,21 +250,22 @@ TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
         {"path --l", "--list"},  {"tuning s", "seal"}, {"module swap o", "on off"},
         {"play --g", "--graph"}, {"reg u", "update"},  {"get --h", "--help"},
     };
-    const std::string tool = TVOXSP_TOOL_PATH;
+    // What the completion offers for `words` (the last one being completed), joined by spaces.
+    const auto complete = [](const std::string &words) {
+        return run_command("bash -c 'source " TVOXSP_COMPLETION_PATH
+                           "; COMP_WORDS=(" TVOXSP_TOOL_PATH " " +
+                           words +
+                           "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tvoxsp; "
+                           "printf \"%s \" \"${COMPREPLY[@]}\"'");
+    };
     for (const Case &c : cases) {
-        const CommandResult completed = run_command(
-            "bash -c 'source " TVOXSP_COMPLETION_PATH "; COMP_WORDS=(" + tool + " " + c.line +
-            "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tvoxsp; printf %s \"${COMPREPLY[*]}\"'");
+        const CommandResult completed = complete(c.line);
         EXPECT_EQ(completed.status, 0);
-        EXPECT_EQ(completed.output, c.offered) << c.line;
+        EXPECT_EQ(completed.output, c.offered + " ") << c.line;
     }
     // Every command the tool lists completes from its first two letters.
-    for (const std::string &name : command_names()) {
-        const CommandResult completed = run_command(
-            "bash -c 'source " TVOXSP_COMPLETION_PATH "; COMP_WORDS=(" + tool + " " +
-            name.substr(0, 2) + "); COMP_CWORD=1; _tvoxsp; printf \"%s \" \"${COMPREPLY[@]}\"'");
-        EXPECT_TRUE(contains(" " + completed.output, " " + name + " ")) << completed.output;
-    }
+    for (const std::string &name : command_names())
+        EXPECT_TRUE(contains(" " + complete(name.substr(0, 2)).output, " " + name + " ")) << name;
 }
 
 } // namespace
