@@ -211,18 +211,6 @@ TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
     EXPECT_EQ(tvoxsp("report").status, 1);
 }
 
-TEST_F(CalibrationE2eTest, ToolOutsideTheSimulatorSaysWhereToRunIt)
-{
-    const std::string errors = sim_dir() + "/errors";
-    const auto outside =
-        run_command("{ TINYALSA_CARD_0=tvoxsp_test_no_such_card " TVOXSP_TOOL_PATH " calibrate 2>" +
-                    errors + "; }");
-    EXPECT_EQ(outside.status, 1);
-    EXPECT_EQ(outside.output, "");
-    EXPECT_NE(read_file(errors).find("tvoxsp: no card 0: run it on the device or inside tvoxsim\n"),
-              std::string::npos);
-}
-
 // Two calibrations started at once in one simulator, as two processes on a phone: the second
 // cannot open the calibration's PCM while the first plays on it, and says so at once; the DSPs
 // still measure during the first one's silence.
