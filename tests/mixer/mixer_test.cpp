@@ -127,7 +127,7 @@ using SetterDeathTest = MixerTest;
 using Reader = MixerTest;
 using Path = MixerTest;
 
-TEST_F(Setter, NumbersItemsAndControlNumbers)
+TEST_F(Setter, NumbersItemsBytesAndControlNumbers)
 {
     EXPECT_EQ(set(kSwitch, "1"), 0); // one number goes to every value
     EXPECT_EQ(err_, "");
@@ -148,6 +148,15 @@ TEST_F(Setter, NumbersItemsAndControlNumbers)
     const std::string mode = number_of("T DSP Mode");
     EXPECT_EQ(set(("+" + mode).c_str(), "3"), 0);
     EXPECT_EQ(int_values(0, "T DSP Mode"), (Ints{3}));
+
+    // Through TLV access the bytes travel behind a {tag 0, length n} header.
+    EXPECT_EQ(set(kTlvBytes, "00 00 15 14"), 0);
+    EXPECT_EQ(bytes(0, kTlvBytes), (Bytes{0x00, 0x00, 0x0F, 0x0E}));
+    EXPECT_EQ(journal_lines().back(),
+              "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 0f 0e");
+    // A plain byte control gets exactly the bytes, whatever notation and delimiters.
+    EXPECT_EQ(set(kPlainBytes, "0x12,0x34 0253 255"), 0);
+    EXPECT_EQ(journal_lines().back(), "ctl 0 \"T DSP1 Protection 5f210 CH_BAL\" = 12 34 ab ff");
 }
 
 TEST_F(Setter, EveryRefusalPrintsItsErrorAndWritesNothing)
@@ -194,18 +203,6 @@ TEST_F(Setter, EveryRefusalPrintsItsErrorAndWritesNothing)
     EXPECT_EQ(set(kVolume, "5 9999"), 22);
     EXPECT_EQ(err_, "Error: invalid value for index 1\n");
     EXPECT_EQ(int_values(0, kVolume), (Ints{5, 817}));
-}
-
-TEST_F(Setter, ByteControlsTakeOneNumberPerByte)
-{
-    // Through TLV access the bytes travel behind a {tag 0, length n} header.
-    EXPECT_EQ(set(kTlvBytes, "00 00 15 14"), 0);
-    EXPECT_EQ(bytes(0, kTlvBytes), (Bytes{0x00, 0x00, 0x0F, 0x0E}));
-    EXPECT_EQ(journal_lines().back(),
-              "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 0f 0e");
-    // A plain byte control gets exactly the bytes, whatever notation and delimiters.
-    EXPECT_EQ(set(kPlainBytes, "0x12,0x34 0253 255"), 0);
-    EXPECT_EQ(journal_lines().back(), "ctl 0 \"T DSP1 Protection 5f210 CH_BAL\" = 12 34 ab ff");
 }
 
 TEST_F(SetterDeathTest, AtMost1024Tokens)
