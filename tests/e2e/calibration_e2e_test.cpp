@@ -4,8 +4,6 @@
 // plays the 3-second file, so the runs are few and each test checks all it can.
 #include "calibration/context_fixture.h"
 
-#include <fstream>
-
 namespace
 {
 
@@ -13,6 +11,7 @@ using tvox::sim::SpeakerFault;
 using tvox::test::LogCapture;
 using tvox::test::read_file;
 using tvox::test::words_bytes;
+using tvox::test::write_file;
 
 class CalibrationE2eTest : public tvox::test::SimContextTest
 {
@@ -135,7 +134,7 @@ TEST_F(CalibrationE2eTest, DiagnosticWithAFailingF0WritesNothing)
 // report beside what the DSP and the kernel hold, and its exit statuses.
 TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
 {
-    std::ofstream(persist_ / "tvox_calr.bin", std::ios::binary) << words_bytes({8392, 7692});
+    write_file(persist_ / "tvox_calr.bin", words_bytes({8392, 7692}));
     const auto report = tvoxsp("report");
     EXPECT_EQ(report.status, 0);
     // "T DSP Set CAL_R" holds 8391: as a plain integer for the kernel column, and read as a
@@ -152,7 +151,7 @@ TEST_F(CalibrationE2eTest, ToolReadsBackWhatWasStoredAndFailsWhenStoringFailed)
 {
     set_speaker_raw(0, 8672);
     set_speaker_raw(1, 7692);
-    std::ofstream(persist_ / "tvox_calr.bin", std::ios::binary) << words_bytes({7000, 7001});
+    write_file(persist_ / "tvox_calr.bin", words_bytes({7000, 7001}));
     ASSERT_EQ(tool("persist full").status, 0);
     // The library's own result is success: the tool finds the previous file and says so.
     const auto full = tvoxsp("calibrate");
