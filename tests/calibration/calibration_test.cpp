@@ -1,8 +1,11 @@
 #include "calibration/context_fixture.h"
+#include "util/exported_data.h"
 
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <dlfcn.h>
+#include <memory>
 
 namespace
 {
@@ -93,7 +96,7 @@ TEST_F(ResultsTest, ResultsConvertCalRToOhmsAndPassF0Through)
     float ohms[9] = {-1, -1, -1};
     EXPECT_EQ(tervox_cal_get_result(ohms, 2), 0);
     EXPECT_FLOAT_EQ(ohms[0], 5.85714f);
-    EXPECT_EQ(ohms[1], static_cast<float>(8391 * 5.85714 * 0.0001220703125));
+    EXPECT_EQ(ohms[1], 5.9994216f); // the double product, rounded once
     EXPECT_EQ(ohms[2], -1);
     uint32_t f0[9] = {9, 9, 9};
     EXPECT_EQ(tervox_cal_f0_get_result(f0, 2), 0);
@@ -188,6 +191,9 @@ TEST_F(RunTest, SynchronousCalibrationReadsChecksStoresAndApplies)
 
 TEST_F(RunTest, SynchronousCalibrationNeedsAPlaybackAndIdleAmplifiers)
 {
+    ctx_.num_channels = 0; // the reader walks on past the eighth channel
+    EXPECT_DEATH(tervox_cal_calibration(), "");
+    ctx_.num_channels = 2;
     LogCapture log;
     ctx_.playback = nullptr; // nothing to measure with
     ctx_.cal[0].cal_r = 1;
@@ -210,12 +216,6 @@ TEST_F(RunTest, SynchronousCalibrationNeedsAPlaybackAndIdleAmplifiers)
     EXPECT_TRUE(log.contains("tervox_amp_is_active: Failed to open mixer\n"));
 }
 
-TEST_F(RunTest, ReadingPastTheEighthChannelEndsTheProcess)
-{
-    ctx_.num_channels = 0; // the reader walks on past the eighth channel
-    EXPECT_DEATH(tervox_cal_calibration(), "");
-}
-
 TEST_F(RunTest, ApplyWritesEveryChannelAndReportsTheLast)
 {
     LogCapture log;
@@ -227,9 +227,93 @@ TEST_F(RunTest, ApplyWritesEveryChannelAndReportsTheLast)
     EXPECT_EQ(value("B DSP Set CAL_R"), 7100);
     values[1] = 0x800000;
     EXPECT_EQ(tervox_cal_apply(values, 2), 22);
-    hide_mixer();
-    EXPECT_EQ(tervox_cal_apply(values, 2), -22);
-    EXPECT_TRUE(log.contains("tervox_cal_apply: Failed to open mixer\n"));
+}
+
+// The context as tervox_cal_init fills it, and the exported self this program reads.
+// The library's own definition of an exported variable (this program may hold a copy of it).
+template <typename T> T *library_symbol(const char *name)
+{
+    const std::unique_ptr<void, int (*)(void *)> lib(dlopen("libtvoxsp.so", RTLD_NOW | RTLD_NOLOAD),
+                                                     dlclose);
+    return lib == nullptr ? nullptr : static_cast<T *>(dlsym(lib.get(), name));
+}
+
+// This program reads the exported self directly, which GCC's position-independent executables do
+// through a copy of the variable in the program: the copy follows every write of the library, and
+// the library finds it for the exported name (as a HAL may write an exported setting); a name the
+// program has no copy of resolves to the library's own.
+TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
+{
+    struct tervox **own = library_symbol<struct tervox *>("self");
+    ASSERT_NE(own, nullptr);
+    ASSERT_NE(own, &self) << "expected a copy relocation of self in this program";
+
+    struct tervox first = {};
+    struct tervox second = {};
+    ASSERT_EQ(tervox_cal_init(&first), 0);
+    EXPECT_EQ(self, &first);
+    ASSERT_EQ(tervox_cal_init(&second), 0);
+    EXPECT_EQ(self, &second);
+    EXPECT_EQ(*own, &second);
+    EXPECT_EQ(tervox_cal_deinit(&first), 0);
+    EXPECT_EQ(self, &first);
+    EXPECT_EQ(*own, &first);
+    EXPECT_EQ(tervox_cal_deinit(&second), 0);
+
+    EXPECT_EQ(tvox::program_copy_of(own, "self"), &self);
+    self = &second;
+    EXPECT_EQ(tvox::live(*own, "self"), &second);
+    EXPECT_EQ(&tvox::live(*own, "self"), &self);
+    // tervox_this lives in the library only, and a name nobody defines has no copy.
+    void **this_slot = library_symbol<void *>("tervox_this");
+    ASSERT_NE(this_slot, nullptr);
+    EXPECT_EQ(tvox::program_copy_of(this_slot, "tervox_this"), nullptr);
+    EXPECT_EQ(tvox::program_copy_of(own, "tvoxsp_no_such_name"), nullptr);
+    void *other = nullptr;
+    EXPECT_EQ(&tvox::live(other, "tervox_this"), &other);
+    self = nullptr;
+}
+
+TEST(ContextInit, FillsDefaultsAndSharedTablesAndLogsTheChannelLines)
+{
+    LogCapture log;
+    struct tervox ctx = {};
+    ctx.cal[0].cal_r = 1234; // members init does not own keep what the HAL left in them
+    ctx.diag_mode = 1;
+    ASSERT_EQ(tervox_cal_init(&ctx), 0);
+    EXPECT_EQ(self, &ctx);
+    EXPECT_EQ(ctx.cal[0].cal_r, 1234);
+    EXPECT_EQ(ctx.diag_mode, 0);
+    EXPECT_EQ(ctx.cal_r_range[1].min, 6500u);
+    EXPECT_STREQ(ctx.f0_path, "/mnt/vendor/persist/audio/tvox_f0.bin");
+    EXPECT_EQ(ctx.get_result, &tervox_cal_get_result);
+    EXPECT_EQ(pthread_mutex_trylock(&ctx.mutex), 0); // initialised, and never held by the library
+    EXPECT_EQ(pthread_mutex_unlock(&ctx.mutex), 0);
+    EXPECT_EQ(tvox::test::tervox_lines(log, ANDROID_LOG_ERROR),
+              (std::vector<std::string>{"channel[0] : 2 - 2\n", "channel[1] : 2 - 2\n",
+                                        "channel[2] : 2 - 2\n"}));
+
+    // Bottom names are the top names with "B" for the leading "T"; ids a table lacks are null.
+    EXPECT_STREQ(ctx.prot_ctls[0][CTL_DIAG_Z_LOW_DIFF], "T Protection 5f210 DIAG_Z_LOW_DIFF");
+    for (const char **const *tables : {ctx.set_ctls, ctx.get_ctls, ctx.prot_ctls})
+        for (int id = 0; id < TERVOX_NUM_CTLS; ++id) {
+            const char *top = tables[0][id];
+            ASSERT_EQ(top == nullptr, tables[1][id] == nullptr) << id;
+            if (top != nullptr) {
+                EXPECT_EQ(top[0], 'T');
+                EXPECT_EQ("B" + std::string(top + 1), tables[1][id]) << top;
+            }
+        }
+
+    // The tables are the library's writable data: a HAL repoints a name for every context.
+    const char *saved = ctx.set_ctls[1][CTL_SET_CAL_R];
+    ctx.set_ctls[1][CTL_SET_CAL_R] = "B Other CAL_R";
+    struct tervox other = {};
+    ASSERT_EQ(tervox_cal_init(&other), 0);
+    EXPECT_STREQ(other.set_ctls[1][CTL_SET_CAL_R], "B Other CAL_R");
+    ctx.set_ctls[1][CTL_SET_CAL_R] = saved;
+    EXPECT_EQ(tervox_cal_deinit(&other), 0);
+    EXPECT_EQ(tervox_cal_deinit(&ctx), 0);
 }
 
 } // namespace

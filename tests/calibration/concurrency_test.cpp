@@ -79,6 +79,7 @@ TEST_F(ConcurrencyTest, ASecondRunWhileOneIsRunningIsRefused)
     EXPECT_EQ(
         tervox_lines(log, ANDROID_LOG_ERROR),
         std::vector<std::string>{"tervox_cal_run_calibration: calibration is already running!\n"});
+    EXPECT_TRUE(log.contains("tervox_cal_run_calibration: Tried 1 times, ret = -1, state = 0\n"));
     release.set_value();
     EXPECT_EQ(first.get(), 8); // nothing played for the firmware: the first run fails on its own
     EXPECT_EQ(ctx_.cal_state, 0u);

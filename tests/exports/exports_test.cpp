@@ -1,12 +1,11 @@
+#include "support/sim_fixture.h"
 #include "tvoxsp.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <fstream>
-#include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 
 extern "C" size_t tvoxsp_c_sizeof_tervox(void);
@@ -15,44 +14,29 @@ extern "C" size_t tvoxsp_c_offsetof_str_format_out(void);
 namespace
 {
 
-std::set<std::string> expected_exports()
+// The lines of a stream, less empty ones.
+std::set<std::string> lines_of(std::istream &in)
 {
     std::set<std::string> names;
-    std::ifstream list(TVOXSP_EXPORT_LIST);
-    for (std::string line; std::getline(list, line);)
+    for (std::string line; std::getline(in, line);)
         if (!line.empty())
             names.insert(line);
     return names;
 }
 
-// Names defined in the library's dynamic symbol table, less the version node.
-std::set<std::string> defined_dynamic_symbols()
-{
-    std::set<std::string> names;
-    const std::string command = "nm -D --defined-only '" TVOXSP_LIBRARY_PATH "'";
-    std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(command.c_str(), "r"), pclose);
-    if (!pipe)
-        return names;
-    std::array<char, 512> line{};
-    while (fgets(line.data(), line.size(), pipe.get())) {
-        std::string text(line.data());
-        if (!text.empty() && text.back() == '\n')
-            text.pop_back();
-        const auto last_space = text.rfind(' ');
-        const auto name = text.substr(last_space + 1);
-        const auto type = last_space >= 1 ? text[last_space - 1] : ' ';
-        if (type == 'A') // the version node the linker adds
-            continue;
-        names.insert(name.substr(0, name.find('@')));
-    }
-    return names;
-}
-
 TEST(Exports, LibraryExportsExactlyTheListedNames)
 {
-    const auto expected = expected_exports();
+    std::ifstream list(TVOXSP_EXPORT_LIST);
+    const auto expected = lines_of(list);
     ASSERT_FALSE(expected.empty());
-    EXPECT_EQ(defined_dynamic_symbols(), expected);
+    // Names defined in the library's dynamic symbol table, less the version node (type A) and
+    // the version of each name.
+    const auto defined =
+        tvox::test::SimTest::run_command("nm -D --defined-only '" TVOXSP_LIBRARY_PATH "' | "
+                                         "awk '$2 != \"A\" { sub(/@.*/, \"\", $NF); print $NF }'");
+    ASSERT_EQ(defined.status, 0);
+    std::istringstream names(defined.output);
+    EXPECT_EQ(lines_of(names), expected);
 }
 
 TEST(Exports, HeaderLayoutIsTheSameInCAndCxx)

@@ -8,10 +8,16 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <map>
 #include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -121,7 +127,7 @@ using SetterDeathTest = MixerTest;
 using Reader = MixerTest;
 using Path = MixerTest;
 
-TEST_F(Setter, NumbersItemsAndControlNumbers)
+TEST_F(Setter, NumbersItemsBytesAndControlNumbers)
 {
     EXPECT_EQ(set(kSwitch, "1"), 0); // one number goes to every value
     EXPECT_EQ(err_, "");
@@ -142,6 +148,15 @@ TEST_F(Setter, NumbersItemsAndControlNumbers)
     const std::string mode = number_of("T DSP Mode");
     EXPECT_EQ(set(("+" + mode).c_str(), "3"), 0);
     EXPECT_EQ(int_values(0, "T DSP Mode"), (Ints{3}));
+
+    // Through TLV access the bytes travel behind a {tag 0, length n} header.
+    EXPECT_EQ(set(kTlvBytes, "00 00 15 14"), 0);
+    EXPECT_EQ(bytes(0, kTlvBytes), (Bytes{0x00, 0x00, 0x0F, 0x0E}));
+    EXPECT_EQ(journal_lines().back(),
+              "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 0f 0e");
+    // A plain byte control gets exactly the bytes, whatever notation and delimiters.
+    EXPECT_EQ(set(kPlainBytes, "0x12,0x34 0253 255"), 0);
+    EXPECT_EQ(journal_lines().back(), "ctl 0 \"T DSP1 Protection 5f210 CH_BAL\" = 12 34 ab ff");
 }
 
 TEST_F(Setter, EveryRefusalPrintsItsErrorAndWritesNothing)
@@ -190,18 +205,6 @@ TEST_F(Setter, EveryRefusalPrintsItsErrorAndWritesNothing)
     EXPECT_EQ(int_values(0, kVolume), (Ints{5, 817}));
 }
 
-TEST_F(Setter, ByteControlsTakeOneNumberPerByte)
-{
-    // Through TLV access the bytes travel behind a {tag 0, length n} header.
-    EXPECT_EQ(set(kTlvBytes, "00 00 15 14"), 0);
-    EXPECT_EQ(bytes(0, kTlvBytes), (Bytes{0x00, 0x00, 0x0F, 0x0E}));
-    EXPECT_EQ(journal_lines().back(),
-              "tlv 0 \"RCV DSP1 Protection cd CAL_R\" tag 0 len 4 = 00 00 0f 0e");
-    // A plain byte control gets exactly the bytes, whatever notation and delimiters.
-    EXPECT_EQ(set(kPlainBytes, "0x12,0x34 0253 255"), 0);
-    EXPECT_EQ(journal_lines().back(), "ctl 0 \"T DSP1 Protection 5f210 CH_BAL\" = 12 34 ab ff");
-}
-
 TEST_F(SetterDeathTest, AtMost1024Tokens)
 {
     const auto ones = [](int count) {
@@ -233,10 +236,11 @@ TEST_F(Reader, DspWordsReadAsSigned25BitNumbers)
         preset_bytes(0, kPlainBytes, c.bytes);
         EXPECT_EQ(tervox_dsp_tmixer_get(mixer(), kPlainBytes), c.value) << c.logged;
         ASSERT_FALSE(log.lines().empty());
-        EXPECT_EQ(log.lines().back().text, std::string("tervox_dsp_tmixer_get: ctl(") +
-                                               kPlainBytes + ") = " + c.logged + "\n");
-        EXPECT_EQ(log.lines().back().priority, 3);
-        EXPECT_EQ(log.lines().back().tag, "AHAL:TERVOX");
+        const auto line = log.lines().back();
+        EXPECT_EQ(std::tuple(line.text, line.priority, line.tag),
+                  std::tuple(std::string("tervox_dsp_tmixer_get: ctl(") + kPlainBytes +
+                                 ") = " + c.logged + "\n",
+                             3, "AHAL:TERVOX"));
     }
     // A missing control leaves the preset, which reads as a recognisable number.
     EXPECT_EQ(captured([&] { return tervox_dsp_tmixer_get(mixer(), "No Such Control"); }),
@@ -249,11 +253,6 @@ TEST_F(Reader, SelfTestPrintsWhatReadsBack)
     EXPECT_EQ(out_, "Default: 00 00 15 14, num=4\n"
                     "RCV DSP1 Protection cd CAL_R: e0f0000 0 0 0 \n");
     EXPECT_EQ(bytes(0, kTlvBytes), (std::vector<uint8_t>{0x00, 0x00, 0x0F, 0x0E}));
-
-    setenv("TINYALSA_CARD_0", "tvoxsim:42", 1); // no such card: mixer_open fails
-    EXPECT_EQ(captured(tervox_tmixer_test), 19);
-    EXPECT_EQ(err_, "Failed to open mixer\n");
-    EXPECT_EQ(out_, "");
 }
 
 // Each application opens and closes the mixer exactly once.
@@ -323,28 +322,111 @@ TEST_F(Path, FirstFailureStopsThePath)
         EXPECT_EQ(int_values(0, "B DSP Mode"), (std::vector<long>{1}));
         expect_one_mixer(failing.control);
         ASSERT_FALSE(log.lines().empty());
-        EXPECT_EQ(log.lines().back().text, std::string("tervox_apply_mixer_path: '") +
-                                               failing.control + "' <== '" + failing.value +
-                                               "' failed\n");
-        EXPECT_EQ(log.lines().back().priority, 6);
-        EXPECT_EQ(log.lines().back().tag, "AHAL:TERVOX");
+        const auto line = log.lines().back();
+        EXPECT_EQ(std::tuple(line.text, line.priority, line.tag),
+                  std::tuple(std::string("tervox_apply_mixer_path: '") + failing.control +
+                                 "' <== '" + failing.value + "' failed\n",
+                             6, "AHAL:TERVOX"));
     }
 }
 
-// A card not registered yet must not end the audio server: the path is refused with -22.
+// A card not registered yet must not end the audio server: the self-test reports it, a path
+// is refused with -22.
 TEST_F(Path, MixerThatDoesNotOpenRefusesThePath)
 {
     setenv("TINYALSA_CARD_0", "tvoxsim:42", 1); // no such card: mixer_open fails
+    EXPECT_EQ(captured(tervox_tmixer_test), 19);
+    EXPECT_EQ(err_, "Failed to open mixer\n");
+    EXPECT_EQ(out_, "");
     LogCapture log;
     EXPECT_EQ(tvox::apply_path(tvox::amp_off_path), -22);
     EXPECT_EQ(tervox_apply_mixer_path(nullptr, 0), -22);
     ASSERT_EQ(log.lines().size(), 2u);
-    for (const auto &line : log.lines()) {
-        EXPECT_EQ(line.text, "Failed to open mixer\n");
-        EXPECT_EQ(line.priority, 6);
-        EXPECT_EQ(line.tag, "AHAL:TERVOX");
-    }
+    for (const auto &line : log.lines())
+        EXPECT_EQ(std::tuple(line.text, line.priority, line.tag),
+                  std::tuple("Failed to open mixer\n", 6, "AHAL:TERVOX"));
     EXPECT_TRUE(journal_lines().empty());
+}
+
+// The setter fuzz corpus, replayed: the first byte of a file picks the kind of control (bool,
+// int, enum, plain bytes, TLV bytes, as in the fuzz target), the rest is the value text. Every
+// input is taken or refused with a message, a refused enum or byte write leaves the stored value
+// as it was, and seeds get their verdicts.
+enum Kind : size_t { kBool, kInt, kEnum, kPlainBytesKind, kTlvBytesKind };
+constexpr std::array<const char *, 5> kControls{kSwitch, kVolume, "T PCM Source", kPlainBytes,
+                                                kTlvBytes};
+// Longer texts can hold more than 1024 tokens, which ends the process on purpose.
+constexpr size_t kMaxText = 2047;
+
+// Ints, bytes, item text: the stored value of each kind.
+using Stored = std::tuple<Ints, Bytes, std::string>;
+
+class MixerValueCorpus : public MixerTest
+{
+  protected:
+    Stored stored(Kind kind)
+    {
+        const char *name = kControls[kind];
+        if (kind == kEnum)
+            return {{}, {}, enum_item(0, name)};
+        if (kind == kPlainBytesKind || kind == kTlvBytesKind)
+            return {{}, bytes(0, name), ""};
+        return {int_values(0, name), {}, ""};
+    }
+};
+
+TEST_F(MixerValueCorpus, EveryInputIsTakenOrRefusedWithAMessage)
+{
+    struct Seed {
+        int32_t status;
+        Stored after;
+    };
+    const std::map<std::string, Seed> seeds = {
+        {"bool_one", {0, {{1, 1}, {}, ""}}},
+        {"bool_list", {0, {{0, 1}, {}, ""}}},
+        {"bool_two", {0, {{1, 1}, {}, ""}}}, // any non-zero switches on
+        {"int_too_many", {22, {}}},
+        {"int_word", {22, {}}},
+        {"enum_unknown", {22, {}}},
+        {"enum_spaced", {22, {}}},
+        {"bytes_bases", {0, {{}, {0x01, 0x02, 0xFF, 0xFF}, ""}}},
+        {"bytes_range", {-1, {}}},
+        {"bytes_negative", {-1, {}}},
+        {"bytes_word", {-1, {}}},
+        {"tlv_overflow", {-1, {}}},
+    };
+    size_t files = 0, seeds_seen = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(TVOXSP_MIXER_VALUE_CORPUS)) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::string input{std::istreambuf_iterator<char>(in), {}};
+        if (input.empty() || input.size() - 1 > kMaxText)
+            continue;
+        ++files;
+        const std::string name = entry.path().filename();
+        const auto kind = static_cast<Kind>(static_cast<uint8_t>(input[0]) % kControls.size());
+        const std::string text = input.substr(1);
+        const Stored before = stored(kind);
+
+        const int32_t status = set(kControls[kind], text.c_str());
+        const std::string &message = err_;
+        EXPECT_TRUE(status == 0 || status == -1 || status == 22) << name << ": " << status;
+        const bool no_tokens = text.c_str()[strspn(text.c_str(), " ,")] == '\0';
+        EXPECT_EQ(message.empty(), status == 0 || no_tokens) << name << ": " << message;
+        if (status != 0 && kind != kBool && kind != kInt) {
+            EXPECT_EQ(stored(kind), before) << name;
+        }
+
+        const auto seed = seeds.find(name);
+        if (seed == seeds.end())
+            continue;
+        ++seeds_seen;
+        EXPECT_EQ(status, seed->second.status) << name;
+        if (status == 0) {
+            EXPECT_EQ(stored(kind), seed->second.after) << name;
+        }
+    }
+    EXPECT_EQ(seeds_seen, seeds.size());
+    EXPECT_GE(files, seeds.size());
 }
 
 } // namespace

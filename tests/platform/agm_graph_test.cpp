@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -28,10 +30,8 @@ class AgmSim : public tvox::test::MixerSimTest<100>
     Words words(const std::string &control, size_t count)
     {
         const std::vector<uint8_t> data = bytes(100, control);
-        Words result;
-        for (size_t i = 0; i < count && 4 * i + 3 < data.size(); ++i)
-            result.push_back(data[4 * i] | data[4 * i + 1] << 8 | data[4 * i + 2] << 16 |
-                             static_cast<uint32_t>(data[4 * i + 3]) << 24);
+        Words result(std::min(count, data.size() / 4));
+        std::memcpy(result.data(), data.data(), result.size() * 4);
         return result;
     }
 };

@@ -42,6 +42,14 @@ auto fields(const group_config &c)
     return std::tuple(std::string(c.name), c.rate, c.ch, c.bits, c.slot_mask, c.format);
 }
 
+// A record of kind T that a call left alone shows the name "untouched".
+template <typename T> T untouched()
+{
+    T record{};
+    std::strcpy(record.name, "untouched");
+    return record;
+}
+
 constexpr const char *conf = R"(<?xml version="1.0" encoding="UTF-8"?>
 <config>
   <!-- group entries are not devices -->
@@ -81,7 +89,7 @@ TEST_F(Conf, EntriesAreReadByPositionTheFirstOfANameWinsAndNoMatchIsAnError)
     }
 
     // What is not found leaves the record as it was.
-    std::strcpy(dev.name, "untouched");
+    dev = untouched<device_config>();
     dev.rate = 7;
     EXPECT_EQ(device(sim_dir() + "/absent.xml", "TDM-LPAIF-RX-SECONDARY"), -EINVAL);
     // No entry of the name, a group only, too few attributes, numbers that are not numbers.
@@ -96,16 +104,8 @@ TEST_F(Conf, EntriesAreReadByPositionTheFirstOfANameWinsAndNoMatchIsAnError)
 // record read names the interface asked for; seeds get their records.
 TEST_F(Conf, CorpusFilesAreReadOrRefusedWithoutTouchingTheRecordOnRefusal)
 {
-    const device_config no_device = [] {
-        device_config record{};
-        std::strcpy(record.name, "untouched");
-        return record;
-    }();
-    const group_config no_group = [] {
-        group_config record{};
-        std::strcpy(record.name, "untouched");
-        return record;
-    }();
+    const auto no_device = untouched<device_config>();
+    const auto no_group = untouched<group_config>();
     const std::map<std::string, std::tuple<device_config, group_config>> seeds = {
         {"device_format", {{"TDM-LPAIF-RX-SECONDARY", 48000, 2, 32, PCM_FORMAT_S32_LE}, no_group}},
         {"group_slot_mask",

@@ -32,7 +32,7 @@ void amixer_set(const char *name, const char *values)
         << name;
 }
 
-TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
+TEST_F(MixerSim, ValuesAndArraysSetHereAreSeenByAmixerAndTheOtherWayRound)
 {
     // One element changes, the other keeps its value; any non-zero boolean is on.
     ASSERT_EQ(mixer_ctl_set_value(ctl(stereo_switch), 1, 5), 0);
@@ -55,17 +55,15 @@ TEST_F(MixerSim, ValuesSetHereAreSeenByAmixerAndTheOtherWayRound)
     amixer_set(source, "Zero");
     EXPECT_EQ(mixer_ctl_get_value(ctl(source), 0), 3);
     amixer_set(plain_bytes, "0x01,0x80,0x7f,0xfe");
-    uint8_t read[4] = {};
-    ASSERT_EQ(mixer_ctl_get_array(ctl(plain_bytes), read, 3), 0);
-    EXPECT_EQ(std::vector<uint8_t>(read, read + 4), (std::vector<uint8_t>{1, 0x80, 0x7f, 0}));
-}
+    uint8_t data_read[4] = {};
+    ASSERT_EQ(mixer_ctl_get_array(ctl(plain_bytes), data_read, 3), 0);
+    EXPECT_EQ(std::vector<uint8_t>(data_read, data_read + 4),
+              (std::vector<uint8_t>{1, 0x80, 0x7f, 0}));
 
-// Arrays of BOOL and INT controls are of `long` elements, and an item set by name goes to
-// value 0 while every other value becomes 0, as tinyalsa does on a phone.
-TEST_F(MixerSim, ArraysAreOfLongsAndAnItemByNameClearsTheOtherValues)
-{
-    const long volumes[2] = {913, 12};
-    ASSERT_EQ(mixer_ctl_set_array(ctl(stereo_volume), volumes, 2), 0);
+    // Arrays of BOOL and INT controls are of `long` elements, and an item set by name goes to
+    // value 0 while every other value becomes 0, as tinyalsa does on a phone.
+    const long new_volumes[2] = {913, 12};
+    ASSERT_EQ(mixer_ctl_set_array(ctl(stereo_volume), new_volumes, 2), 0);
     EXPECT_EQ(amixer_values(0, stereo_volume), "913,12");
     const long switches[2] = {0, 1};
     ASSERT_EQ(mixer_ctl_set_array(ctl(stereo_switch), switches, 2), 0);

@@ -230,9 +230,10 @@ TEST_F(PlayerTest, EachSampleFormatAndChunkLayout)
     }
 }
 
-// The WAV player reports on standard error, the graph player on standard output. Nothing is
-// played and nothing stays open.
-TEST_F(PlayerTest, FilesThatAreNoWavFilesGiveOne)
+// Files that are no WAV files: the WAV player reports on standard error, the graph player on
+// standard output, with result 1. A WAV file outside the device's limits is reported limit by
+// limit (every check runs) with result 0. Nothing is played and nothing stays open.
+TEST_F(PlayerTest, FilesThatAreNoWavFilesOrOutsideTheLimitsPlayNothing)
 {
     const int descriptors = open_descriptors();
     const std::string missing = sim_dir() + "/missing.wav";
@@ -244,31 +245,21 @@ TEST_F(PlayerTest, FilesThatAreNoWavFilesGiveOne)
         files.emplace_back(path, "Error: '" + path + "' is not a riff/wave file\n");
     }
     for (const auto &[path, message] : files) {
+        SCOPED_TRACE(path);
         const Played tplayed = tplay(path);
-        EXPECT_EQ(tplayed.result, 1);
-        EXPECT_EQ(tplayed.err, message);
-        EXPECT_EQ(tplayed.out, "");
         const Played agmplayed = agmplay(path);
-        EXPECT_EQ(agmplayed.result, 1);
-        EXPECT_EQ(agmplayed.out, message);
-        EXPECT_EQ(agmplayed.err, "");
+        EXPECT_EQ(std::tuple(tplayed.result, tplayed.out, tplayed.err), std::tuple(1, "", message));
+        EXPECT_EQ(std::tuple(agmplayed.result, agmplayed.out, agmplayed.err),
+                  std::tuple(1, message, ""));
     }
     EXPECT_TRUE(journal_lines().empty());
-    EXPECT_FALSE(stream(0, 0));
     EXPECT_FALSE(stream(100, 100));
-    EXPECT_EQ(open_descriptors(), descriptors);
-}
 
-// A file outside the device's limits is reported limit by limit (every check runs) and not
-// played, yet it was a WAV file, so the result is 0.
-TEST_F(TplayTest, DeviceLimitsArePrintedAndNothingPlays)
-{
-    const int descriptors = open_descriptors();
-    Played played = tplay(wav("wide.wav", {.channels = 10, .rate = 384000, .bits = 8}));
-    EXPECT_EQ(played.result, 0);
-    EXPECT_EQ(played.err, "Sample rate is 384000Hz, device only supports <= 192000Hz\n"
-                          "Sample is 10 channels, device only supports <= 8 channels\n"
-                          "Bitrate is 8 bits, device only supports >= 16 bits\n");
+    const Played wide = tplay(wav("wide.wav", {.channels = 10, .rate = 384000, .bits = 8}));
+    EXPECT_EQ(wide.result, 0);
+    EXPECT_EQ(wide.err, "Sample rate is 384000Hz, device only supports <= 192000Hz\n"
+                        "Sample is 10 channels, device only supports <= 8 channels\n"
+                        "Bitrate is 8 bits, device only supports >= 16 bits\n");
     EXPECT_FALSE(stream(0, 0));
     EXPECT_EQ(open_descriptors(), descriptors);
 }
@@ -369,18 +360,13 @@ TEST_F(AgmplayTest, BuildsEachBackendsGraphPlaysAndDisconnects)
     EXPECT_EQ(words("PCM100 group mux config", 2), (std::vector<uint32_t>{2, 3}));
 }
 
-// A failed graph step is printed and ends the sequence with 0; nothing stays open and the
-// stream is not left connected.
+// A failed graph step is printed and ends the sequence with 0: the sink refuses 4000 Hz, so
+// the graph was connected but the PCM does not open. Nothing stays open and the stream is not
+// left connected. (A back end missing from backend_conf.xml: the fault matrix's BackendConfBroken.)
 TEST_F(AgmplayTest, FailedStepsEndTheSequenceWithResultZero)
 {
     const int descriptors = open_descriptors();
-    const std::string tone = wav("tone.wav", {});
-    Played played = agmplay(tone, "TDM-LPAIF-RX-QUATERNARY");
-    EXPECT_EQ(played.result, 0);
-    EXPECT_EQ(played.out, "Invalid input, entry not found for : TDM-LPAIF-RX-QUATERNARY\n");
-    EXPECT_TRUE(journal_lines().empty());
-    // The sink refuses 4000 Hz: the graph was connected, the PCM does not open.
-    played = agmplay(wav("slow.wav", {.rate = 4000}));
+    const Played played = agmplay(wav("slow.wav", {.rate = 4000}));
     EXPECT_EQ(played.result, 0);
     EXPECT_NE(played.out.find("Unable to open PCM device 100 ("), std::string::npos) << played.out;
     EXPECT_EQ(written_controls().back(), "PCM100 disconnect");
