@@ -1,6 +1,7 @@
 // The calibration's two threads: runs at once, the playback thread's life across runs and
 // deinit. Built as a target of its own so that CI runs it under ThreadSanitizer.
 #include "calibration/context_fixture.h"
+#include "support/process.h"
 
 #include <atomic>
 #include <future>
@@ -27,11 +28,6 @@ int32_t recording_playback(struct tervox *ctx)
     return SimContextTest::starting_silence(ctx);
 }
 
-auto entries(const char *folder)
-{
-    return std::distance(std::filesystem::directory_iterator(folder), {});
-}
-
 // Holds the playback of the first run until the test lets it go.
 std::promise<void> *g_entered = nullptr;
 std::shared_future<void> g_release;
@@ -55,10 +51,10 @@ class ConcurrencyTest : public SimContextTest
         set_speaker_raw(0, 9000);
         set_speaker_raw(1, 9000);
         std::thread([] {}).join(); // sanitizer runtimes start a helper with the first thread
-        threads_ = entries("/proc/self/task");
-        descriptors_ = entries("/proc/self/fd");
+        threads_ = tvox::test::running_threads();
+        descriptors_ = tvox::test::open_descriptors();
     }
-    std::ptrdiff_t threads_ = 0, descriptors_ = 0;
+    size_t threads_ = 0, descriptors_ = 0;
 };
 
 TEST_F(ConcurrencyTest, ASecondRunWhileOneIsRunningIsRefused)
@@ -93,7 +89,7 @@ TEST_F(ConcurrencyTest, OnlineRunsLeaveNoThreadOrDescriptorBehind)
     for (int run = 0; run < 2; ++run) {
         clear_journal();
         EXPECT_EQ(ctx_.run_calibration(), 0);
-        EXPECT_LE(entries("/proc/self/task"), threads_ + 1);
+        EXPECT_LE(tvox::test::running_threads(), threads_ + 1);
     }
     EXPECT_EQ(read_file(bin_), words_bytes({9000, 9000}));
     std::vector<std::string> journal =
@@ -107,8 +103,8 @@ TEST_F(ConcurrencyTest, OnlineRunsLeaveNoThreadOrDescriptorBehind)
     EXPECT_EQ(g_playbacks, 2); // once a run, on a thread of its own, with the active context
     EXPECT_FALSE(g_misplaced);
     EXPECT_EQ(tervox_cal_deinit(&ctx_), 0); // joins the last run's thread
-    EXPECT_EQ(entries("/proc/self/task"), threads_);
-    EXPECT_EQ(entries("/proc/self/fd"), descriptors_);
+    EXPECT_EQ(tvox::test::running_threads(), threads_);
+    EXPECT_EQ(tvox::test::open_descriptors(), descriptors_);
     ASSERT_EQ(tervox_cal_init(&ctx_), 0); // for the fixture's own deinit
 }
 

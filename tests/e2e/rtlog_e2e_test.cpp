@@ -84,7 +84,7 @@ TEST_F(RtlogE2eTest, SilenceLoudPlayAndAShortedSpeakerShowInTheLogAndItsChart)
 
     const std::string out = read_file(sim_dir() + "/rtlog.out");
     EXPECT_TRUE(out.find("shutdown\nrtlog exit - OK\n") != std::string::npos) << out;
-    const std::string log = read_file(sim_dir() + "/phone/sdcard/Download/rtlog.txt");
+    const std::string log = read_file(phone("/sdcard/Download/rtlog.txt"));
     const std::vector<Columns> top = channel_columns(log, "T");
     const std::vector<Columns> bottom = channel_columns(log, "B");
     ASSERT_GT(top.size(), 20u) << log;
@@ -105,8 +105,7 @@ TEST_F(RtlogE2eTest, SilenceLoudPlayAndAShortedSpeakerShowInTheLogAndItsChart)
     // The chart needs no phone path; gnuplot, not ours, runs without the preload.
     const std::string plotter = "env -u LD_PRELOAD " + tvoxsp + " rtlog-plot ";
     const std::string chart = sim_dir() + "/rtlog.svg";
-    const auto plot =
-        run_command(plotter + sim_dir() + "/phone/sdcard/Download/rtlog.txt -o " + chart);
+    const auto plot = run_command(plotter + phone("/sdcard/Download/rtlog.txt") + " -o " + chart);
     ASSERT_EQ(plot.status, 0) << plot.output;
     const std::string svg = read_file(chart);
     EXPECT_NE(svg.find("<svg"), std::string::npos);

@@ -6,6 +6,7 @@
 #include "calibration/context_fixture.h"
 #include "support/mixer.h"
 #include "support/permission_bits.h"
+#include "support/process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -22,8 +23,10 @@ namespace
 {
 
 using tvox::test::LogCapture;
+using tvox::test::open_descriptors;
 using tvox::test::PermissionBits;
 using tvox::test::read_file;
+using tvox::test::running_threads;
 using tvox::test::StreamCapture;
 using tvox::test::words_bytes;
 using tvox::test::write_file;
@@ -71,11 +74,6 @@ struct Row {
 void PrintTo(const Row &row, std::ostream *os)
 {
     *os << row.name;
-}
-
-size_t entries(const char *folder)
-{
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
 class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::WithParamInterface<Row>
@@ -193,10 +191,10 @@ class FaultMatrixTest : public tvox::test::SimContextTest, public ::testing::Wit
     // leaves behind (which ends when the silent file has played) so that it is not counted.
     int32_t calibration_run(bool diagnostic)
     {
-        const size_t threads = entries("/proc/self/task");
+        const size_t threads = running_threads();
         ctx_.diag_mode = diagnostic ? 1 : 0;
         const int32_t result = tervox_cal_run_calibration();
-        for (int i = 0; i < 500 && entries("/proc/self/task") > threads; ++i)
+        for (int i = 0; i < 500 && running_threads() > threads; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return result;
     }
@@ -226,8 +224,8 @@ TEST_P(FaultMatrixTest, OutcomeAndNothingLeftBehind)
     if (HasFatalFailure())
         return;
     const Files before = persist_files();
-    const size_t descriptors = entries("/proc/self/fd");
-    const size_t threads = entries("/proc/self/task");
+    const size_t descriptors = open_descriptors();
+    const size_t threads = running_threads();
 
     int32_t result = 0;
     std::string out, err;
@@ -253,8 +251,8 @@ TEST_P(FaultMatrixTest, OutcomeAndNothingLeftBehind)
         EXPECT_TRUE(log.contains(row.log)) << row.log;
     }
     EXPECT_EQ(persist_files(), row.persist.value_or(before));
-    EXPECT_EQ(entries("/proc/self/fd"), descriptors) << "descriptors left open";
-    EXPECT_EQ(entries("/proc/self/task"), threads) << "threads left running";
+    EXPECT_EQ(open_descriptors(), descriptors) << "descriptors left open";
+    EXPECT_EQ(running_threads(), threads) << "threads left running";
     if (row.verify)
         row.verify(*this);
 }

@@ -23,18 +23,7 @@ char group[] = "VIRT-SPK-GROUP";
 constexpr uint32_t mfc_tag = 0xC0000019;
 using Words = std::vector<uint32_t>;
 
-class AgmSim : public tvox::test::MixerSimTest<100>
-{
-  protected:
-    // The first `count` little-endian words of a byte control.
-    Words words(const std::string &control, size_t count)
-    {
-        const std::vector<uint8_t> data = bytes(100, control);
-        Words result(std::min(count, data.size() / 4));
-        std::memcpy(result.data(), data.data(), result.size() * 4);
-        return result;
-    }
-};
+using AgmSim = tvox::test::MixerSimTest<100>;
 
 TEST_F(AgmSim, MediaConfigMetadataAndGroupsAreWritten)
 {
@@ -45,27 +34,28 @@ TEST_F(AgmSim, MediaConfigMetadataAndGroupsAreWritten)
     ASSERT_EQ(set_agm_audio_intf_metadata(mixer_.get(), backend, 0xA2000001, PLAYBACK, 48000, 32,
                                           0xA100000E),
               0);
-    EXPECT_EQ(words("TDM-LPAIF-RX-SECONDARY metadata", 10),
+    EXPECT_EQ(words(100, "TDM-LPAIF-RX-SECONDARY metadata", 10),
               (Words{4, 0xA2000000, 0xA2000001, 0xA1000000, 0xA100000E, 0xD2000000, 48000,
                      0xD3000000, 32, 0}));
     ASSERT_EQ(set_agm_stream_metadata(mixer_.get(), 100, 0xA100000E, PLAYBACK, STREAM_PCM, 1), 0);
-    EXPECT_EQ(words("PCM100 metadata", 6), (Words{2, 0xA1000000, 0xA100000E, 0xAB000000, 1, 0}));
+    EXPECT_EQ(words(100, "PCM100 metadata", 6),
+              (Words{2, 0xA1000000, 0xA100000E, 0xAB000000, 1, 0}));
 
     // The per-interface calls select the interface first.
     clear_journal();
     ASSERT_EQ(set_agm_streamdevice_metadata(mixer_.get(), 100, 0xA100000E, PLAYBACK, STREAM_PCM,
                                             backend, 0xAC000001),
               0);
-    EXPECT_EQ(words("PCM100 metadata", 5),
+    EXPECT_EQ(words(100, "PCM100 metadata", 5),
               (Words{2, 0xA1000000, 0xA100000E, 0xAC000000, 0xAC000001}));
     EXPECT_EQ(journal_lines().front(), "ctl 100 \"PCM100 control\" = TDM-LPAIF-RX-SECONDARY");
 
     group_config grp{"", 48000, 4, 32, 15, PCM_FORMAT_S32_LE};
     ASSERT_EQ(set_agm_group_device_config(mixer_.get(), group, &grp), 0);
-    EXPECT_EQ(words("VIRT-SPK-GROUP group config", 5), (Words{48000, 4, 32, 15, 0}));
+    EXPECT_EQ(words(100, "VIRT-SPK-GROUP group config", 5), (Words{48000, 4, 32, 15, 0}));
     ASSERT_EQ(set_agm_group_mux_config(mixer_.get(), 100, &grp, group, 2), 0);
     EXPECT_EQ(enum_item(100, "PCM100 control"), group);
-    EXPECT_EQ(words("PCM100 group mux config", 3), (Words{2, 15, 0}));
+    EXPECT_EQ(words(100, "PCM100 group mux config", 3), (Words{2, 15, 0}));
 }
 
 TEST_F(AgmSim, ConnectedGraphsGiveTheMfcToConfigure)
@@ -79,7 +69,7 @@ TEST_F(AgmSim, ConnectedGraphsGiveTheMfcToConfigure)
     EXPECT_EQ(miid, tvox::sim::agm::mfc_miid(100, backend));
     ASSERT_EQ(configure_mfc(mixer_.get(), 100, backend, mfc_tag, STREAM_PCM, 48000, 2, 32, miid),
               0);
-    EXPECT_EQ(words("PCM100 setParam", 5), (Words{miid, 48000, 2, 32, 0}));
+    EXPECT_EQ(words(100, "PCM100 setParam", 5), (Words{miid, 48000, 2, 32, 0}));
     ASSERT_EQ(connect_agm_audio_intf_to_stream(mixer_.get(), 100, backend, STREAM_PCM, false), 0);
     EXPECT_EQ(enum_item(100, "PCM100 disconnect"), backend);
 

@@ -3,6 +3,7 @@
 #include "phone.h"
 #include "state.h"
 #include "support/capture.h"
+#include "support/process.h"
 #include "support/sim_fixture.h"
 #include "tvoxsp.h"
 
@@ -53,12 +54,6 @@ struct Played {
     std::string out;
     std::string err;
 };
-
-// Descriptors this process has open (to show that a call leaves none behind).
-auto open_descriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 
 constexpr const char *kBackend = "TDM-LPAIF-RX-SECONDARY";
 
@@ -154,15 +149,6 @@ class PlaybackTest : public SimTest
         return names;
     }
 
-    // The first `count` little-endian words of a byte control of the AGM card.
-    std::vector<uint32_t> words(std::string_view control, size_t count)
-    {
-        const std::vector<uint8_t> raw = bytes(100, control);
-        std::vector<uint32_t> out(count);
-        std::memcpy(out.data(), raw.data(), std::min(raw.size(), count * sizeof(uint32_t)));
-        return out;
-    }
-
   private:
     static std::string le(uint64_t value, int bytes)
     {
@@ -235,7 +221,7 @@ TEST_F(PlayerTest, EachSampleFormatAndChunkLayout)
 // limit (every check runs) with result 0. Nothing is played and nothing stays open.
 TEST_F(PlayerTest, FilesThatAreNoWavFilesOrOutsideTheLimitsPlayNothing)
 {
-    const int descriptors = open_descriptors();
+    const size_t descriptors = tvox::test::open_descriptors();
     const std::string missing = sim_dir() + "/missing.wav";
     std::vector<std::pair<std::string, std::string>> files = {
         {missing, "Unable to open file '" + missing + "'\n"}};
@@ -261,7 +247,7 @@ TEST_F(PlayerTest, FilesThatAreNoWavFilesOrOutsideTheLimitsPlayNothing)
                         "Sample is 10 channels, device only supports <= 8 channels\n"
                         "Bitrate is 8 bits, device only supports >= 16 bits\n");
     EXPECT_FALSE(stream(0, 0));
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(tvox::test::open_descriptors(), descriptors);
 }
 
 // The paced sink plays a 3-second file in about 3 seconds, and another process sees the stream
@@ -356,8 +342,9 @@ TEST_F(AgmplayTest, BuildsEachBackendsGraphPlaysAndDisconnects)
         EXPECT_EQ(written_controls(), c.controls);
         EXPECT_EQ(stream(100, 100).value().frames_written, 480u);
     }
-    EXPECT_EQ(words("VIRT-SPK-GROUP group config", 4), (std::vector<uint32_t>{48000, 2, 32, 3}));
-    EXPECT_EQ(words("PCM100 group mux config", 2), (std::vector<uint32_t>{2, 3}));
+    EXPECT_EQ(words(100, "VIRT-SPK-GROUP group config", 4),
+              (std::vector<uint32_t>{48000, 2, 32, 3}));
+    EXPECT_EQ(words(100, "PCM100 group mux config", 2), (std::vector<uint32_t>{2, 3}));
 }
 
 // A failed graph step is printed and ends the sequence with 0: the sink refuses 4000 Hz, so
@@ -365,13 +352,13 @@ TEST_F(AgmplayTest, BuildsEachBackendsGraphPlaysAndDisconnects)
 // left connected. (A back end missing from backend_conf.xml: the fault matrix's BackendConfBroken.)
 TEST_F(AgmplayTest, FailedStepsEndTheSequenceWithResultZero)
 {
-    const int descriptors = open_descriptors();
+    const size_t descriptors = tvox::test::open_descriptors();
     const Played played = agmplay(wav("slow.wav", {.rate = 4000}));
     EXPECT_EQ(played.result, 0);
     EXPECT_NE(played.out.find("Unable to open PCM device 100 ("), std::string::npos) << played.out;
     EXPECT_EQ(written_controls().back(), "PCM100 disconnect");
     EXPECT_FALSE(stream(100, 100) && stream(100, 100)->frames_written > 0);
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(tvox::test::open_descriptors(), descriptors);
 }
 
 // SIGINT ends the playback after the buffer being written; the handler ignores later signals

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -81,6 +82,14 @@ std::vector<uint8_t> SimTest::bytes(int card, std::string_view name)
     Session session = state_->lock();
     std::span<const uint8_t> values = session.bytes(*session.bind(*control));
     return {values.begin(), values.end()};
+}
+
+std::vector<uint32_t> SimTest::words(int card, std::string_view name, size_t count)
+{
+    const std::vector<uint8_t> data = bytes(card, name);
+    std::vector<uint32_t> result(std::min(count, data.size() / sizeof(uint32_t)));
+    std::memcpy(result.data(), data.data(), result.size() * sizeof(uint32_t));
+    return result;
 }
 
 std::string SimTest::enum_item(int card, std::string_view name, unsigned index)

@@ -56,6 +56,8 @@ class SimTest : public ::testing::Test
     // Stored values (item indexes of an enumerated control), and the item text of one.
     std::vector<long> int_values(int card, std::string_view name);
     std::vector<uint8_t> bytes(int card, std::string_view name);
+    // The first `count` little-endian words of a byte control (fewer when it is shorter).
+    std::vector<uint32_t> words(int card, std::string_view name, size_t count);
     std::string enum_item(int card, std::string_view name, unsigned index = 0);
 
     void preset_ints(int card, std::string_view name, const std::vector<long> &values);

@@ -222,7 +222,7 @@ TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
 
 TEST_F(TvoxspToolTest, PlaysWavFilesDirectlyAndThroughTheGraph)
 {
-    const std::string loop = sim_dir() + "/phone/sdcard/Music/lrp_loop.wav";
+    const std::string loop = phone("/sdcard/Music/lrp_loop.wav");
     const CommandResult direct = tvoxsp("play " + loop);
     EXPECT_EQ(direct.status, 0) << direct.output;
     EXPECT_TRUE(contains(direct.output, "Playing sample: 2 ch, 48000 hz, 16 bit")) << direct.output;
