@@ -328,6 +328,30 @@ std::vector<Row> card_rows()
          exactly("tervox_log_reg_read: can't open mixer\n"), ""},
         {"Card0MissingLiveLog", no_card0, [](FaultMatrixTest &) { return tervox_prot_rtlog(50); },
          1, exactly("rtlog enter\n"), exactly("tervox_prot_rtlog: can't open mixer\n"), ""},
+        {"Card0MissingRegisterUpdate", no_card0,
+         [](FaultMatrixTest &) { return tervox_log_reg_update_bits(0x2020, 8, 8); }, 1, exactly(""),
+         exactly("tervox_log_reg_update_bits: can't open mixer\n"), ""},
+        // A failing read does not stop the monitor: it reads on until SIGINT, then says so.
+        {"Card0MissingMonitor", no_card0,
+         [](FaultMatrixTest &t) {
+             t.interrupt_when_playing(-1, -1);
+             const uint32_t regs[] = {0x2020};
+             return tervox_regs_monitor(regs, 1, 50);
+         },
+         0, containing("shutdown\nmonitor registers exit - Failed\n"),
+         containing("tervox_log_reg_read: can't open mixer\n"), ""},
+        // Switching one amplifier uses the mixer handle untested: no card, no control.
+        {"Card0MissingDspBypassChannel", no_card0,
+         [](FaultMatrixTest &) { return tervox_dsp_bypass("T", 1); }, 2, containing(" =? "),
+         exactly("Invalid mixer control: T PCM Source\n"), ""},
+        {"Card0MissingBootLoader", no_card0, [](FaultMatrixTest &) { return tervox_boot_loader(); },
+         -22, exactly(""), exactly(""), "Failed to open mixer\n"},
+        {"Card0MissingReload", no_card0, [](FaultMatrixTest &) { return tervox_reload_firmware(); },
+         -22, exactly(""), exactly(""), "Failed to open mixer\n"},
+        {"Card0MissingWavPlayback", no_card0,
+         [](FaultMatrixTest &t) { return tervox_tplay(&t.context()); }, 0, exactly(""),
+         exactly("Unable to open PCM device 0.\n"), "", std::nullopt,
+         [](FaultMatrixTest &t) { EXPECT_FALSE(t.stream(0, 0)); }},
         {"Card0MissingTestPlayback", no_card0,
          [](FaultMatrixTest &) { return tervox_tplay_test(); }, -22,
          exactly("tervox_tplay_test: Failed to open mixer\n"), exactly(""), ""},
