@@ -352,6 +352,9 @@ std::vector<Row> card_rows()
          [](FaultMatrixTest &t) { return tervox_tplay(&t.context()); }, 0, exactly(""),
          exactly("Unable to open PCM device 0.\n"), "", std::nullopt,
          [](FaultMatrixTest &t) { EXPECT_FALSE(t.stream(0, 0)); }},
+        {"Card0MissingConfigSelect", no_card0,
+         [](FaultMatrixTest &) { return tervox_qdsp_config_select(nullptr, 0); }, -22, exactly(""),
+         exactly(""), "tervox_qdsp_config_select: Failed to open mixer\n"},
         {"Card0MissingTestPlayback", no_card0,
          [](FaultMatrixTest &) { return tervox_tplay_test(); }, -22,
          exactly("tervox_tplay_test: Failed to open mixer\n"), exactly(""), ""},
@@ -595,6 +598,12 @@ std::vector<Row> driver_rows()
          [](FaultMatrixTest &t) {
              return tervox_qdsp_load_tuning(
                  t.folder_file("rx.txt", std::string("QORA_CONFIG_RX_LEFT ") + kGoodBlock).c_str());
+         },
+         0, exactly(""), exactly(""), "tervox_qdsp_transfer_ext_config: " + cant_open, std::nullopt,
+         nothing_sent},
+        {"DriverMissingModuleParameters", fault("absent"),
+         [](FaultMatrixTest &t) {
+             return tervox_qdsp_set_params(t.folder_file("params.txt", kGoodBlock).c_str());
          },
          0, exactly(""), exactly(""), "tervox_qdsp_transfer_ext_config: " + cant_open, std::nullopt,
          nothing_sent},
