@@ -71,7 +71,6 @@ std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catal
         return nullptr;
     std::vector<uint32_t> slots;
     std::vector<uint32_t> listed;
-    bool missing = false; // any control of this card; most opens have none to look up
     slots.reserve(controls.size());
     listed.reserve(controls.size());
     {
@@ -84,11 +83,14 @@ std::unique_ptr<Card> Card::open(int number, const std::string &dir, const Catal
             }
             slots.push_back(static_cast<uint32_t>(slot - session.layout().slots));
         }
-        for (const ControlFault &fault : session.control_faults())
-            missing |= fault.kind == ControlFaultKind::missing && fault.card == number;
+        // Most opens have no missing control: only then is each control looked up.
+        const std::span<const ControlFault> faults = session.control_faults();
+        const bool any_missing = std::any_of(faults.begin(), faults.end(), [&](const auto &fault) {
+            return fault.kind == ControlFaultKind::missing && fault.card == number;
+        });
         for (uint32_t i = 0; i < controls.size(); ++i) {
             const ControlFault *fault =
-                missing ? session.control_fault(number, controls[i].name) : nullptr;
+                any_missing ? session.control_fault(number, controls[i].name) : nullptr;
             if (fault == nullptr || fault->kind != ControlFaultKind::missing)
                 listed.push_back(i);
         }

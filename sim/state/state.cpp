@@ -408,11 +408,13 @@ bool Session::set_control_fault(int card, std::string_view name, ControlFaultKin
     if (name.size() >= kNameMax)
         return false;
     ControlFault *entry = control_fault(card, name);
+    if (entry == nullptr && kind == ControlFaultKind::none)
+        return true;
     for (ControlFault &fault : layout_->control_faults)
         if (entry == nullptr && fault.kind == ControlFaultKind::none)
             entry = &fault;
     if (entry == nullptr)
-        return kind == ControlFaultKind::none;
+        return false;
     *entry = ControlFault{card, kind, error, 0, {}};
     name.copy(entry->name, name.size());
     return true;
