@@ -17,7 +17,8 @@ namespace
 void pause_for(const char *microseconds)
 {
     const long us = microseconds == nullptr ? 0 : std::strtol(microseconds, nullptr, 10);
-    usleep(static_cast<useconds_t>(std::clamp<long>(us, 0, UINT_MAX)));
+    // Clamped in a type wider than both: with a 32-bit long, UINT_MAX as a long is -1.
+    usleep(static_cast<useconds_t>(std::clamp<long long>(us, 0, UINT_MAX)));
 }
 
 } // namespace
