@@ -147,9 +147,12 @@ ArrayPath array_path(const snd_ctl_elem_info_t *info, const void *array, size_t 
 }
 
 // A TLV container as alsa-lib wants it: whole 32-bit words, never shorter than the header.
+// Rounded up without adding to the byte count, which must not wrap for any size_t.
 std::vector<unsigned int> tlv_words(size_t bytes)
 {
-    return std::vector<unsigned int>((std::max(bytes, tlv_header_size) + 3) / sizeof(unsigned int));
+    const size_t size = std::max(bytes, tlv_header_size);
+    return std::vector<unsigned int>(size / sizeof(unsigned int) +
+                                     (size % sizeof(unsigned int) != 0 ? 1 : 0));
 }
 
 int tlv_read(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, void *array, size_t count)
