@@ -1,0 +1,8 @@
+# 32-bit ARM (Debian armhf, the ABI of a 32-bit audio HAL): Debian's cross compiler, the target's
+# libraries from the root that scripts/cross_setup.sh unpacks, tests under qemu user-mode emulation.
+#   cmake -S . -B build-armhf --toolchain cmake/toolchain-armhf.cmake
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(TVOXSP_CROSS_TRIPLE arm-linux-gnueabihf)
+set(TVOXSP_CROSS_ARCH armhf)
+set(TVOXSP_CROSS_QEMU qemu-arm-static)
+include(${CMAKE_CURRENT_LIST_DIR}/cross_linux.cmake)
