@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Compile gates for what the host build cannot show: a device builds the library and its tools with
-# clang against LLVM's libc++ and also for 32-bit ABIs, where off_t, long and size_t are 32 bits.
+# clang against LLVM's libc++ and also for 32-bit ARM, where off_t, long and size_t are 32 bits.
 #  1. every library and tool source, clang 16 with libc++ 16 (older than any Android toolchain
 #     that matters), C++20;
-#  2. every library source for a 32-bit target (-m32), clang 16 with libc++ 16.
+#  2. every library source for 32-bit ARM (--target=arm-linux-gnueabihf), clang 16 with libc++ 16.
 # Both with warnings as errors. Sources are found by globbing, so a new subsystem folder or tool
-# is gated as soon as it exists. Needs clang-16, libc++-16-dev, libc++abi-16-dev and the 32-bit C
-# headers (scripts/setup.sh installs them).
+# is gated as soon as it exists. Needs clang-16, libc++-16-dev, libc++abi-16-dev and the ARM C
+# headers of g++-arm-linux-gnueabihf (scripts/setup.sh installs them). scripts/cross.sh builds and
+# runs everything for 32-bit ARM with GCC.
 #   scripts/device_gates.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -51,5 +52,5 @@ compile_all "libc++ 16, library" "${library[@]}" || status=1
 sources=("${tool_sources[@]}")
 compile_all "libc++ 16, tools" || status=1
 sources=("${library_sources[@]}")
-compile_all "32-bit, library" -m32 "${library[@]}" || status=1
+compile_all "32-bit ARM, library" --target=arm-linux-gnueabihf "${library[@]}" || status=1
 exit $status

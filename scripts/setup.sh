@@ -8,8 +8,11 @@ packages=(
   build-essential cmake ninja-build clang lld clang-format pkg-config
   libasound2-dev alsa-utils android-liblog-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox
-  clang-16 libc++-16-dev libc++abi-16-dev gcc-multilib g++-multilib valgrind
+  clang-16 libc++-16-dev libc++abi-16-dev valgrind
 )
+# Cross builds for 32- and 64-bit ARM and their emulated tests (scripts/cross.sh; the target's own
+# packages come from scripts/cross_setup.sh). The cross compilers conflict with gcc-multilib.
+packages+=(g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user-static)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
