@@ -37,10 +37,14 @@ endforeach()
 
 # Tests run under qemu with the root as its library prefix. The programs a test starts (the tool,
 # tvoxsim, the root's amixer and aplay) reach qemu through binfmt_misc (scripts/cross_setup.sh
-# registers it), which takes the prefix from QEMU_LD_PREFIX; the root's programs come first in
-# PATH so that a plugin of this build is loaded by an ALSA of the same architecture.
+# registers it), which takes the prefix from QEMU_LD_PREFIX. The root's programs come first in
+# PATH: a plugin of this build loads only into an ALSA of its architecture (amixer, aplay), and
+# the simulator's preload only into a shell of its architecture (`tvoxsim run -- sh -c ...`).
 find_program(TVOXSP_CROSS_QEMU_PATH ${TVOXSP_CROSS_QEMU} REQUIRED)
+# The loader does not find liblog's folder of an installed run path (/usr/lib/<triple>/android)
+# through qemu's prefix, so it is named in the root.
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/env
   QEMU_LD_PREFIX=${TVOXSP_CROSS_ROOT}
-  PATH=${TVOXSP_CROSS_ROOT}/usr/bin:/usr/local/bin:/usr/bin:/bin
+  LD_LIBRARY_PATH=${TVOXSP_CROSS_ROOT}/usr/lib/${TVOXSP_CROSS_TRIPLE}/android
+  PATH=${TVOXSP_CROSS_ROOT}/bin:${TVOXSP_CROSS_ROOT}/usr/bin:/usr/local/bin:/usr/bin:/bin
   ${TVOXSP_CROSS_QEMU_PATH})
