@@ -7,11 +7,15 @@
 #  4. every test in an AddressSanitizer + UndefinedBehaviorSanitizer build of the library, the
 #     host stand-ins and the tests (leak detection on), each test case a CTest test of its own.
 # Both builds treat warnings as errors.
+# Android.bp is checked once the packages are in (scripts/android_bp_check.sh: bpfmt and Soong's
+# module types).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # setup.sh installs the packages and makes the sanitized build the suite runs on.
 scripts/setup.sh build-asan -DTVOXSP_WERROR=ON -DTVOXSP_SANITIZE=address,undefined -DTVOXSP_BENCH=OFF
+
+scripts/android_bp_check.sh
 
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVOXSP_WERROR=ON \
   -DTVOXSP_SANITIZE=thread -DTVOXSP_BENCH=OFF >/dev/null
