@@ -93,10 +93,11 @@ cc_binary {
     name: "x",
     cpp_std: ["c++20"],
 }`, []string{`x.bp:4:14: can't assign list value to string property "cpp_std"`}},
-		{"every faulty module is reported", `
-cc_binary { name: "x", srcs: "main.cpp" }
+		{"every fault of every module, wrong types first as Soong reports them", `
+cc_binary { name: "x", srcz: ["main.cpp"], srcs: "main.cpp" }
 cc_binary { name: "y", stl: true }`, []string{
-			`x.bp:2:30: can't assign string value to list property "srcs"`,
+			`x.bp:2:50: can't assign string value to list property "srcs"`,
+			`x.bp:2:28: unrecognized property "srcz"`,
 			`x.bp:3:29: can't assign bool value to string property "stl"`}},
 		{"syntax error", `
 cc_binary {
@@ -146,7 +147,7 @@ func TestProjectAndroidBpPasses(t *testing.T) {
 		t.Fatal(err)
 	}
 	defer f.Close()
-	if errs := check("Android.bp", f, "../.."); len(errs) > 0 {
-		t.Errorf("Android.bp: %q", messages(errs))
+	for _, err := range check("Android.bp", f, "../..") {
+		t.Error(err)
 	}
 }
