@@ -9,6 +9,9 @@ packages=(
   libasound2-dev alsa-utils android-liblog-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox
   clang-16 libc++-16-dev libc++abi-16-dev valgrind
+  # Android.bp checks: bpfmt, and Soong's module types built from Debian's Go sources
+  blueprint-tools golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+  golang-github-golang-protobuf-1-3-dev
 )
 # Cross builds for 32- and 64-bit ARM and their emulated tests (scripts/cross.sh; the target's own
 # packages come from scripts/cross_setup.sh). The cross compilers conflict with gcc-multilib.

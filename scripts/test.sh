@@ -9,11 +9,15 @@
 #  5. everything built for 32-bit ARM (armhf: 32-bit long, size_t, time_t and pointers) and the
 #     whole suite run there under qemu (scripts/cross.sh armhf).
 # Every build treats warnings as errors.
+# Android.bp is checked once the packages are in (scripts/android_bp_check.sh: bpfmt and Soong's
+# module types).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # setup.sh installs the packages and makes the sanitized build the suite runs on.
 scripts/setup.sh build-asan -DTVOXSP_WERROR=ON -DTVOXSP_SANITIZE=address,undefined -DTVOXSP_BENCH=OFF
+
+scripts/android_bp_check.sh
 
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTVOXSP_WERROR=ON \
   -DTVOXSP_SANITIZE=thread -DTVOXSP_BENCH=OFF >/dev/null
