@@ -51,7 +51,7 @@ void SimTest::SetUp()
     unsetenv("TVOXSIM_FILLER");
     ASSERT_EQ(tvox::sim::apply_environment(dir_, conf_path()), 0);
     int err = 0;
-    state_ = tvox::sim::State::open(dir_, err);
+    state_ = tvox::sim::State::create(dir_, err);
     ASSERT_TRUE(state_) << "cannot open the simulator state in " << dir_ << ": " << err;
 }
 
