@@ -291,43 +291,18 @@ int show(std::span<char *const> args)
     return 0;
 }
 
-// "[--clear]": 0 when the words are fine, else the usage error's status.
-int clear_flag(std::string_view command, std::span<char *const> args, bool &clear)
+// "COMMAND [--clear]": prints a text file of the simulator folder, or empties it.
+template <typename PathOf>
+int print_or_clear(std::string_view command, std::span<char *const> args, PathOf path_of)
 {
+    bool clear = false;
     const std::vector<std::string_view> words = operands(args, "--clear", clear);
-    return words.empty() ? 0 : usage_error(command, "unknown argument: " + std::string(words[0]));
-}
-
-int journal(std::span<char *const> args)
-{
-    bool clear = false;
-    if (int status = clear_flag("journal", args, clear); status != 0)
-        return status;
-    std::unique_ptr<State> state = open_state();
+    if (!words.empty())
+        return usage_error(command, "unknown argument: " + std::string(words[0]));
+    const std::unique_ptr<State> state = open_state();
     if (!state)
         return exit_failure;
-    if (clear) {
-        if (int err = state->clear_journal(); err < 0) {
-            std::fprintf(stderr, "tvoxsim: cannot empty %s: %s\n", state->journal_path().c_str(),
-                         std::strerror(-err));
-            return exit_failure;
-        }
-        return 0;
-    }
-    for (const std::string &line : state->journal_lines())
-        std::printf("%s\n", line.c_str());
-    return 0;
-}
-
-int log_command(std::span<char *const> args)
-{
-    bool clear = false;
-    if (int status = clear_flag("log", args, clear); status != 0)
-        return status;
-    std::unique_ptr<State> state = open_state();
-    if (!state)
-        return exit_failure;
-    const std::string path = log_path(state->dir());
+    const std::string path = path_of(*state);
     if (clear) {
         if (truncate(path.c_str(), 0) != 0 && errno != ENOENT) {
             std::fprintf(stderr, "tvoxsim: cannot empty %s: %s\n", path.c_str(),
@@ -336,12 +311,21 @@ int log_command(std::span<char *const> args)
         }
         return 0;
     }
-    // No file yet: no command has logged.
-    std::ifstream in(path, std::ios::binary);
+    // No file yet: nothing was written to it.
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     std::fputs(text.str().c_str(), stdout);
     return 0;
+}
+
+int journal(std::span<char *const> args)
+{
+    return print_or_clear("journal", args, [](const State &state) { return state.journal_path(); });
+}
+
+int log_command(std::span<char *const> args)
+{
+    return print_or_clear("log", args, [](const State &state) { return log_path(state.dir()); });
 }
 
 const Registration registrations[] = {
