@@ -4,6 +4,7 @@
 #include "tvoxsp/mixer.h"
 
 #include "run_benchmarks.h"
+#include "state.h"
 #include <alsa/asoundlib.h>
 
 #include <benchmark/benchmark.h>
@@ -11,6 +12,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -143,6 +145,10 @@ int main(int argc, char **argv)
     setenv("ALSA_CONFIG_PATH", "/usr/share/alsa/alsa.conf:" TVOXSIM_ALSA_CONF, 1);
     setenv("TINYALSA_CARD_0", kAlsaCtl, 1);
     setenv("TVOXSIM_FILLER", "0", 1);
+    if (int err = 0; !tvox::sim::State::create(dir, err)) {
+        std::fprintf(stderr, "cannot make the simulator folder: %s\n", std::strerror(-err));
+        return 1;
+    }
 
     struct mixer *mixer = mixer_open(0);
     if (mixer == nullptr) {

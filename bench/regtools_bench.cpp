@@ -176,7 +176,9 @@ int main(int argc, char **argv)
     if (std::getenv("TVOXSIM_DIR") == nullptr) {
         // First run: a simulator folder of our own, the phone paths mapped by the preload.
         char dir[] = "/tmp/tvoxsp-bench-XXXXXX";
-        if (mkdtemp(dir) == nullptr || tvox::sim::install_phone(dir) != 0) {
+        int err = 0;
+        if (mkdtemp(dir) == nullptr || !tvox::sim::State::create(dir, err) ||
+            tvox::sim::install_phone(dir) != 0) {
             std::fprintf(stderr, "cannot make the simulator folder\n");
             return 1;
         }

@@ -5,6 +5,7 @@
 #include "tvoxsp/qdsp.h"
 
 #include "run_benchmarks.h"
+#include "state.h"
 
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
@@ -135,6 +136,10 @@ void reexec_with_preload(char **argv)
     // The driver's journal would grow by a hundred lines per load: it goes nowhere.
     if (symlink("/dev/null", (std::string(dir) + "/journal").c_str()) != 0)
         std::perror("symlink");
+    if (int err = 0; !tvox::sim::State::create(dir, err)) {
+        std::fprintf(stderr, "cannot make the simulator folder: %s\n", std::strerror(-err));
+        std::exit(1);
+    }
     setenv("TVOXSP_BENCH_DIR", dir, 1);
     setenv("TVOXSIM_DIR", dir, 1);
     setenv("LD_PRELOAD", TVOXSIM_PRELOAD, 1);

@@ -10,7 +10,7 @@ sim=${TVOXSIM_DIR:-$PWD/build/demo-sim}
 tvoxsim=build/sim/tvoxsim
 tvoxsp=build/tools/tvoxsp/tvoxsp
 
-"$tvoxsim" init "$sim"
+"$tvoxsim" init --force "$sim"
 "$tvoxsim" run --dir "$sim" -- "$tvoxsim" speakers
 echo
 # The library logs to the Android log; on a host liblog writes it to standard error.

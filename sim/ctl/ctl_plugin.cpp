@@ -4,7 +4,8 @@
 //   ctl_type.tvoxsim.lib "/abs/path/libasound_module_ctl_tvoxsim.so"
 //   ctl.tvoxsim { @args [ CARD ] @args.CARD { type integer default 0 } type tvoxsim card $CARD }
 //
-// The simulator folder is read from $TVOXSIM_DIR at every open.
+// The simulator folder is read from $TVOXSIM_DIR at every open. A folder that is not a simulator
+// (or a damaged state file) fails the open, with the reason on standard error once per process.
 #include "card.h"
 
 #include <alsa/asoundlib.h>
@@ -298,8 +299,10 @@ extern "C" SND_CTL_PLUGIN_DEFINE_FUNC(tvoxsim)
     auto plugin = std::make_unique<Plugin>();
     plugin->card = Card::open(static_cast<int>(number), err);
     if (!plugin->card) {
-        SNDERR("tvoxsim: cannot open card %ld in %s: %s", number,
-               tvox::sim::State::dir_from_env().c_str(), snd_strerror(err));
+        if (err == -ENODEV)
+            SNDERR("tvoxsim: no card %ld", number);
+        else
+            tvox::sim::State::report_open_error(tvox::sim::State::dir_from_env(), err);
         return err;
     }
     snd_ctl_ext_t &ext = plugin->ext;

@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 namespace
 {
@@ -362,9 +363,12 @@ int open_sink(snd_pcm_t **pcmp, const char *name, long card, long device, snd_pc
     sink->card = static_cast<int>(card);
     sink->device = static_cast<int>(device);
     int err = 0;
-    sink->state = State::open(State::dir_from_env(), err);
-    if (!sink->state)
+    const std::string dir = State::dir_from_env();
+    sink->state = State::open(dir, err);
+    if (!sink->state) {
+        State::report_open_error(dir, err);
         return err;
+    }
     if (device_busy(*sink->state, sink->card, sink->device))
         return -EBUSY;
     sink->timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);

@@ -1,13 +1,15 @@
 // LD_PRELOAD library of the simulator: the libc calls that name a file are redirected from the
 // phone's fixed paths into the simulator folder (phone_paths.h); every other path passes through
-// untouched. A full persist partition (phone_paths.h) turns what is opened there for writing into
-// "/dev/full". libtvoxsp.so knows nothing of it.
+// untouched, and so does every path when $TVOXSIM_DIR is not a simulator folder. A full persist
+// partition (phone_paths.h) turns what is opened there for writing into "/dev/full". libtvoxsp.so
+// knows nothing of it.
 //
 // Under AddressSanitizer the preload must come after the sanitizer runtime in LD_PRELOAD; the
 // runtime's interceptors then reach these functions as their "real" ones.
 //
-// The driver device "/dev/msm_tervox_playback" is served by the virtual driver (sim/driver):
-// its open, ioctl and close are handed over, every other descriptor passes through.
+// The driver device "/dev/msm_tervox_playback" of a simulator folder is served by the virtual
+// driver (sim/driver): its open, ioctl and close are handed over, every other descriptor passes
+// through.
 #undef _FORTIFY_SOURCE
 #include "device_node.h"
 #include "phone_paths.h"
@@ -76,7 +78,7 @@ bool writes(const char *mode)
 
 int open_redirected(OpenAtFn real, int dirfd, const char *path, int flags, mode_t mode)
 {
-    if (tvox::sim::driver::is_device_path(path))
+    if (tvox::sim::driver::is_device_path(path) && tvox::sim::simulator_folder())
         return tvox::sim::driver::node_open(flags);
     path = persist_target(path, (flags & O_ACCMODE) != O_RDONLY);
     return with_path(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });

@@ -8,10 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <mutex>
 
 namespace tvox::sim
 {
@@ -48,17 +50,23 @@ class Fd
     int fd_;
 };
 
-bool header_matches(int fd)
+// 0 for a state file of this build; -EPROTO for one of another layout version, -EUCLEAN for
+// anything else (cut short, grown, not a state file at all).
+int check_header(int fd)
 {
     struct stat st {
     };
-    if (fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) != sizeof(Layout))
-        return false;
+    if (fstat(fd, &st) != 0)
+        return -errno;
     Header header{};
-    if (pread(fd, &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header))
-        return false;
-    return std::memcmp(header.magic, kMagic, sizeof kMagic) == 0 &&
-           header.version == kLayoutVersion && header.size == sizeof(Layout);
+    if (pread(fd, &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header) ||
+        std::memcmp(header.magic, kMagic, sizeof kMagic) != 0)
+        return -EUCLEAN;
+    if (header.version != kLayoutVersion)
+        return -EPROTO;
+    return static_cast<uint64_t>(st.st_size) == sizeof(Layout) && header.size == sizeof(Layout)
+               ? 0
+               : -EUCLEAN;
 }
 
 // Bytes of value storage a control of this type and count takes (as Control::storage_size).
@@ -232,29 +240,38 @@ int State::make_dir(const std::string &dir)
 
 std::unique_ptr<State> State::open(const std::string &dir, int &err)
 {
-    err = make_dir(dir);
+    return map(dir, false, err);
+}
+
+std::unique_ptr<State> State::create(const std::string &dir, int &err)
+{
+    return map(dir, true, err);
+}
+
+std::unique_ptr<State> State::map(const std::string &dir, bool fresh, int &err)
+{
+    const std::string path = dir + "/state";
+    // A folder that is not a simulator is left exactly as it is.
+    err = fresh ? make_dir(dir) : access(path.c_str(), F_OK) == 0 ? 0 : -errno;
     if (err != 0)
         return nullptr;
-    std::string path = dir + "/state";
     // The lock file serialises creating and checking the state file between processes.
     Fd lock(::open((dir + "/state.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (lock.get() < 0 || flock(lock.get(), LOCK_EX) != 0) {
         err = -errno;
         return nullptr;
     }
+    if (fresh && (err = create_state_file(path)) != 0)
+        return nullptr;
     Fd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    if (fd.get() < 0 || !header_matches(fd.get())) {
-        err = create_state_file(path);
-        if (err != 0)
-            return nullptr;
-        fd.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-        if (fd.get() < 0) {
-            err = -errno;
-            return nullptr;
-        }
+    if (fd.get() < 0) {
+        err = -errno;
+        return nullptr;
     }
-    void *map = mmap(nullptr, sizeof(Layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (map == MAP_FAILED) {
+    if ((err = check_header(fd.get())) != 0)
+        return nullptr;
+    void *mapped = mmap(nullptr, sizeof(Layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (mapped == MAP_FAILED) {
         err = -errno;
         return nullptr;
     }
@@ -262,10 +279,10 @@ std::unique_ptr<State> State::open(const std::string &dir, int &err)
         ::open((dir + "/journal").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (journal < 0) {
         err = -errno;
-        munmap(map, sizeof(Layout));
+        munmap(mapped, sizeof(Layout));
         return nullptr;
     }
-    std::unique_ptr<State> state(new State(dir, static_cast<Layout *>(map), journal));
+    std::unique_ptr<State> state(new State(dir, static_cast<Layout *>(mapped), journal));
     // A damaged file is refused, not repaired: its values may still matter to whoever looks.
     // Checked under the lock, as other processes change the tables.
     if (!tables_sound(state->lock().layout())) {
@@ -273,6 +290,34 @@ std::unique_ptr<State> State::open(const std::string &dir, int &err)
         return nullptr;
     }
     return state;
+}
+
+std::string State::open_error(const std::string &dir, int err)
+{
+    const std::string afresh = " (tvoxsim init --force " + dir + " makes a fresh one)";
+    switch (-err) {
+    case ENOENT:
+    case ENOTDIR:
+        return dir + " is not a simulator folder (tvoxsim init " + dir + " makes one)";
+    case EUCLEAN:
+        return "the state file in " + dir + " is damaged or truncated" + afresh;
+    case EPROTO:
+        return "the state file in " + dir + " was made by another build of tvoxsim" + afresh;
+    default:
+        return "cannot open the simulator in " + dir + ": " + std::strerror(-err);
+    }
+}
+
+void State::report_open_error(const std::string &dir, int err)
+{
+    static std::mutex mutex;
+    static std::string last;
+    const std::string message = "tvoxsim: " + open_error(dir, err) + "\n";
+    const std::lock_guard guard(mutex);
+    if (message == last)
+        return;
+    last = message;
+    std::fputs(message.c_str(), stderr);
 }
 
 std::vector<std::string> State::journal_lines() const

@@ -1,7 +1,9 @@
 // Shared state of the virtual amplifier pair.
 //
 // Every process that touches the simulator (the ALSA control and PCM plugins, the tvoxsim tool,
-// the tests) maps the same file, "<dir>/state", where dir is $TVOXSIM_DIR (created when missing).
+// the tests) maps the same file, "<dir>/state", where dir is $TVOXSIM_DIR. Only `tvoxsim init`
+// (State::create) makes that file: a folder without it is not a simulator folder and is refused,
+// as is a state file that is truncated, damaged or made by another build.
 // The file (layout.h) holds every control's current value per card, one record per PCM stream,
 // the speaker behind each amplifier channel, the registers behind each register mailbox, the AGM
 // graph facts of the virtual AGM card and a free area for the DSP model. "<dir>/journal" is a
@@ -102,10 +104,18 @@ class Session
 class State
 {
   public:
-    // Maps "<dir>/state", creating the folder and the file when missing and replacing a file
-    // made by a build with another layout. Null on failure with `err` set to -errno; -EUCLEAN
-    // for a file whose header is valid but whose tables are damaged (`tvoxsim init` replaces it).
+    // Maps "<dir>/state" of a simulator folder. Null on failure with `err` set to -errno:
+    // -ENOENT (or -ENOTDIR) when `dir` holds no state file, -EUCLEAN for a file of the wrong size
+    // or one whose tables are damaged, -EPROTO for a file of another layout version.
     static std::unique_ptr<State> open(const std::string &dir, int &err);
+    // Makes `dir` (and its parents) a simulator folder with a fresh state file, replacing any
+    // state file it held; the journal is kept.
+    static std::unique_ptr<State> create(const std::string &dir, int &err);
+    // What a failed open or create of `dir` means to a user, with the command that helps.
+    static std::string open_error(const std::string &dir, int err);
+    // Prints "tvoxsim: <open_error>" on standard error, once per process for the same message:
+    // for the plugins, which a program may open many times.
+    static void report_open_error(const std::string &dir, int err);
     // $TVOXSIM_DIR, or /tmp/tvoxsim-<uid> when unset or empty.
     static std::string dir_from_env();
     // Creates `dir` and its parents when missing; 0 or -errno.
@@ -128,6 +138,7 @@ class State
   private:
     friend class Session;
     State(std::string dir, Layout *layout, int journal_fd);
+    static std::unique_ptr<State> map(const std::string &dir, bool fresh, int &err);
 
     std::string dir_;
     Layout *layout_;

@@ -6,8 +6,11 @@
 //       {"speaker", "CHANNEL [OHMS|open|shorted|...]", "set a speaker's resistance or fault",
 //       speaker}};
 //
-// A command returns the process exit status: 0 success, 1 failure, 2 usage error (after printing
-// its usage with usage_error()).
+// A command returns the process exit status: 0 when its operation took effect, 1 when it failed
+// (after saying why), 2 for a usage error (after printing its usage with usage_error()).
+// main() answers -h and --help for every command and refuses, before the command runs, any word
+// starting with '-' that is not one of the command's options: no option is ever taken for a
+// folder, a name or a program.
 #pragma once
 
 #include <cstdint>
@@ -31,6 +34,11 @@ struct Command {
     std::string_view usage; // the arguments, for the help text
     std::string_view summary;
     int (*run)(std::span<char *const> args);
+    // The options, separated by spaces; a trailing '=' marks one that takes a value
+    // ("--dir= --force"). The value may start with '-' (the command judges it).
+    std::string_view options = {};
+    // The first operand, or "--", ends the options: what follows is a program's command line.
+    bool runs_a_program = false;
 };
 
 struct Registration {
@@ -52,10 +60,11 @@ std::optional<uint32_t> number(const char *text);
 // The simulator folder: `dir` made absolute, or $TVOXSIM_DIR (or its default) when empty.
 std::string simulator_dir(std::string_view dir);
 
-// Why the simulator state did not open, from the -errno of State::open or Card::open.
-std::string state_error(int err);
-
 // The state of $TVOXSIM_DIR; null after printing why it does not open.
 std::unique_ptr<State> open_state();
+
+// The simulator's own log, in its folder: tvoxsim run and env point the tvoxsp tool at it
+// (TVOXSP_LOG_FILE) and tvoxsim log shows it.
+std::string log_path(const std::string &dir);
 
 } // namespace tvox::sim::tool

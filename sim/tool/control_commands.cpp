@@ -111,7 +111,7 @@ const Registration registration{
     {"control", kUsage,
      "show or set control faults: a control missing from its card, or refusing every write "
      "(errno EINVAL unless given); restore undoes them",
-     control}};
+     control, "--card= --errno="}};
 
 } // namespace
 

@@ -1,8 +1,9 @@
-// The basic commands: init, env, run, show, journal.
+// The basic commands: init, env, run, show, journal, log.
 #include "card.h"
 #include "command.h"
 #include "environment.h"
 #include "phone.h"
+#include "phone_paths.h"
 #include "state.h"
 
 #include <unistd.h>
@@ -12,6 +13,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -36,6 +40,8 @@ std::string shell_quote(const std::string &text)
     return quoted + "'";
 }
 
+namespace fs = std::filesystem;
+
 // Opens every card of the catalogue once, so the state file holds all controls.
 int prepare(const std::string &dir)
 {
@@ -43,46 +49,85 @@ int prepare(const std::string &dir)
     for (int number : catalogue.cards()) {
         int err = 0;
         if (!Card::open(number, dir, catalogue, err)) {
-            std::fprintf(stderr, "tvoxsim: cannot open the simulator in %s: %s\n", dir.c_str(),
-                         state_error(err).c_str());
+            std::fprintf(stderr, "tvoxsim: %s\n", State::open_error(dir, err).c_str());
             return exit_failure;
         }
     }
     return 0;
 }
 
-int phone_folder(const std::string &dir)
+// The words of a command that are not options (the options were checked by main()).
+std::vector<std::string_view> operands(std::span<char *const> args, std::string_view flag,
+                                       bool &flag_given)
 {
-    if (int err = install_phone(dir); err < 0) {
-        std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
-                     std::strerror(-err));
-        return exit_failure;
+    std::vector<std::string_view> words;
+    flag_given = false;
+    for (const char *arg : args) {
+        if (arg == flag)
+            flag_given = true;
+        else
+            words.emplace_back(arg);
+    }
+    return words;
+}
+
+// Removes what a simulator folder holds, so that nothing of its past (values, journal, log,
+// phone files, a full persist partition) survives a fresh start.
+int remove_simulator_files(const std::string &dir)
+{
+    for (const std::string &path :
+         {dir + "/journal", dir + "/phone", log_path(dir), dir + "/" + kPersistFullMarker}) {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+        if (ec) {
+            std::fprintf(stderr, "tvoxsim: cannot remove %s: %s\n", path.c_str(),
+                         ec.message().c_str());
+            return exit_failure;
+        }
     }
     return 0;
 }
 
 int init(std::span<char *const> args)
 {
-    if (args.size() > 1)
+    bool force = false;
+    const std::vector<std::string_view> words = operands(args, "--force", force);
+    if (words.size() > 1)
         return usage_error("init", "too many arguments");
-    std::string dir = simulator_dir(args.empty() ? "" : args[0]);
-    if (int err = State::make_dir(dir); err < 0) {
-        std::fprintf(stderr, "tvoxsim: cannot create %s: %s\n", dir.c_str(), std::strerror(-err));
+    const std::string dir = simulator_dir(words.empty() ? "" : words[0]);
+    std::error_code ec;
+    const bool simulator = fs::exists(dir + "/state", ec);
+    if (simulator && !force) {
+        std::fprintf(stderr,
+                     "tvoxsim: %s is a simulator folder already (tvoxsim init --force %s starts "
+                     "it afresh)\n",
+                     dir.c_str(), dir.c_str());
         return exit_failure;
     }
-    // A fresh start: default values and an empty journal.
-    for (const char *file : {"/state", "/journal"}) {
-        std::string path = dir + file;
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-            std::fprintf(stderr, "tvoxsim: cannot remove %s: %s\n", path.c_str(),
-                         std::strerror(errno));
-            return exit_failure;
-        }
+    if (!simulator && fs::is_directory(dir, ec) && !fs::is_empty(dir, ec)) {
+        std::fprintf(stderr,
+                     "tvoxsim: %s holds other files and is not a simulator folder (name a new "
+                     "or empty folder)\n",
+                     dir.c_str());
+        return exit_failure;
+    }
+    if (simulator) {
+        if (int status = remove_simulator_files(dir); status != 0)
+            return status;
+    }
+    int err = 0;
+    if (!State::create(dir, err)) {
+        std::fprintf(stderr, "tvoxsim: cannot create the simulator in %s: %s\n", dir.c_str(),
+                     std::strerror(-err));
+        return exit_failure;
     }
     if (int status = prepare(dir); status != 0)
         return status;
-    if (int status = phone_folder(dir); status != 0)
-        return status;
+    if (err = install_phone(dir); err < 0) {
+        std::fprintf(stderr, "tvoxsim: cannot create the phone folder in %s: %s\n", dir.c_str(),
+                     std::strerror(-err));
+        return exit_failure;
+    }
     std::printf("simulator ready in %s\n", dir.c_str());
     return 0;
 }
@@ -99,48 +144,60 @@ std::string preload_list()
     return list;
 }
 
+// The simulator's log for the tvoxsp tool, unless the user chose a log file of their own (one
+// that is not the log of the simulator this process is in).
+std::optional<std::string> log_variable(const std::string &dir)
+{
+    const char *current = std::getenv("TVOXSP_LOG_FILE");
+    if (current != nullptr && *current != '\0' && current != log_path(simulator_dir("")))
+        return std::nullopt;
+    return log_path(dir);
+}
+
+// The simulator folder named by `dir_arg` (or the environment) when it opens; empty after
+// saying why not.
+std::string existing_simulator(std::string_view dir_arg)
+{
+    const std::string dir = simulator_dir(dir_arg);
+    int err = 0;
+    if (State::open(dir, err))
+        return dir;
+    std::fprintf(stderr, "tvoxsim: %s\n", State::open_error(dir, err).c_str());
+    return {};
+}
+
 int env(std::span<char *const> args)
 {
     if (args.size() > 1)
         return usage_error("env", "too many arguments");
-    std::string dir = simulator_dir(args.empty() ? "" : args[0]);
+    const std::string dir = existing_simulator(args.empty() ? "" : args[0]);
+    if (dir.empty())
+        return exit_failure;
     for (const auto &[name, value] : environment(dir, TVOXSIM_CONF_PATH))
         std::printf("export %s=%s\n", name.c_str(), shell_quote(value).c_str());
+    if (const std::optional<std::string> log = log_variable(dir))
+        std::printf("export TVOXSP_LOG_FILE=%s\n", shell_quote(*log).c_str());
     std::printf("export LD_PRELOAD=%s\n", shell_quote(preload_list()).c_str());
     return 0;
 }
 
 int run(std::span<char *const> args)
 {
-    std::string dir_arg;
+    std::string_view dir_arg;
     size_t i = 0;
-    if (i < args.size() && std::strcmp(args[i], "--dir") == 0) {
-        if (i + 1 >= args.size())
-            return usage_error("run", "--dir needs a folder");
+    for (; i + 1 < args.size() && std::strcmp(args[i], "--dir") == 0; i += 2)
         dir_arg = args[i + 1];
-        i += 2;
-    }
     if (i < args.size() && std::strcmp(args[i], "--") == 0)
         ++i;
     if (i >= args.size())
         return usage_error("run", "no command given");
-    std::string dir = simulator_dir(dir_arg);
-    // A folder named on the command line is used only when it is a simulator already: a typo
-    // must not leave a new simulator behind.
-    if (std::error_code ec; !dir_arg.empty() && !std::filesystem::exists(dir + "/state", ec)) {
-        std::fprintf(stderr, "tvoxsim: %s is not a simulator folder (tvoxsim init %s makes one)\n",
-                     dir.c_str(), dir.c_str());
+    const std::string dir = existing_simulator(dir_arg);
+    if (dir.empty())
         return exit_failure;
-    }
-    if (int status = prepare(dir); status != 0)
-        return status;
-    // A folder that was never initialised gets its phone folder too; an existing one is kept.
-    if (std::error_code ec; !std::filesystem::exists(dir + "/phone", ec)) {
-        if (int status = phone_folder(dir); status != 0)
-            return status;
-    }
+    const std::optional<std::string> log = log_variable(dir);
     if (int err = apply_environment(dir, TVOXSIM_CONF_PATH);
-        err < 0 || setenv("LD_PRELOAD", preload_list().c_str(), 1) != 0) {
+        err < 0 || setenv("LD_PRELOAD", preload_list().c_str(), 1) != 0 ||
+        (log && setenv("TVOXSP_LOG_FILE", log->c_str(), 1) != 0)) {
         std::fprintf(stderr, "tvoxsim: cannot set the environment: %s\n",
                      std::strerror(err < 0 ? -err : errno));
         return exit_failure;
@@ -198,8 +255,7 @@ int show(std::span<char *const> args)
         int err = 0;
         std::unique_ptr<Card> card = Card::open(number, dir, catalogue, err);
         if (!card) {
-            std::fprintf(stderr, "tvoxsim: cannot open card %d in %s: %s\n", number, dir.c_str(),
-                         state_error(err).c_str());
+            std::fprintf(stderr, "tvoxsim: %s\n", State::open_error(dir, err).c_str());
             return exit_failure;
         }
         std::printf("card %d\n", number);
@@ -235,31 +291,59 @@ int show(std::span<char *const> args)
     return 0;
 }
 
-int journal(std::span<char *const> args)
+// "COMMAND [--clear]": prints a text file of the simulator folder, or empties it.
+template <typename PathOf>
+int print_or_clear(std::string_view command, std::span<char *const> args, PathOf path_of)
 {
-    bool clear = args.size() == 1 && std::strcmp(args[0], "--clear") == 0;
-    if (args.size() > 1 || (args.size() == 1 && !clear))
-        return usage_error("journal", "unknown argument");
-    std::unique_ptr<State> state = open_state();
+    bool clear = false;
+    const std::vector<std::string_view> words = operands(args, "--clear", clear);
+    if (!words.empty())
+        return usage_error(command, "unknown argument: " + std::string(words[0]));
+    const std::unique_ptr<State> state = open_state();
     if (!state)
         return exit_failure;
-    if (clear)
-        return state->clear_journal() == 0 ? 0 : exit_failure;
-    for (const std::string &line : state->journal_lines())
-        std::printf("%s\n", line.c_str());
+    const std::string path = path_of(*state);
+    if (clear) {
+        if (truncate(path.c_str(), 0) != 0 && errno != ENOENT) {
+            std::fprintf(stderr, "tvoxsim: cannot empty %s: %s\n", path.c_str(),
+                         std::strerror(errno));
+            return exit_failure;
+        }
+        return 0;
+    }
+    // No file yet: nothing was written to it.
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    std::fputs(text.str().c_str(), stdout);
     return 0;
 }
 
+int journal(std::span<char *const> args)
+{
+    return print_or_clear("journal", args, [](const State &state) { return state.journal_path(); });
+}
+
+int log_command(std::span<char *const> args)
+{
+    return print_or_clear("log", args, [](const State &state) { return log_path(state.dir()); });
+}
+
 const Registration registrations[] = {
+    Registration{{"init", "[--force] [DIR]",
+                  "make a new simulator folder: controls at their defaults, a fresh phone folder; "
+                  "--force starts an existing one afresh (values, journal, log, phone files)",
+                  init, "--force"}},
     Registration{
-        {"init", "[DIR]", "create the simulator folder, all controls at their defaults", init}},
-    Registration{{"env", "[DIR]", "print the shell exports that select the simulator", env}},
-    Registration{
-        {"run", "[--dir DIR] -- CMD [ARGS...]", "run a command inside the simulator", run}},
+        {"env", "[DIR]", "print the shell exports that put a shell inside the simulator", env}},
+    Registration{{"run", "[--dir DIR] [--] CMD [ARGS...]", "run a command inside the simulator",
+                  run, "--dir=", true}},
     Registration{
         {"show", "[CARD]", "list the controls of a card (default all) and their values", show}},
-    Registration{
-        {"journal", "[--clear]", "print (or empty) the journal of control writes", journal}},
+    Registration{{"journal", "[--clear]", "print (or empty) the journal of control writes", journal,
+                  "--clear"}},
+    Registration{{"log", "[--clear]",
+                  "print (or empty) the simulator's log: what the tvoxsp tool logged inside it",
+                  log_command, "--clear"}},
 };
 
 } // namespace

@@ -196,28 +196,33 @@ int fault_command(DriverFaults &faults, std::span<char *const> args)
         changed = DriverFaults{};
     } else if (kind == "absent") {
         changed.absent = 1;
-    } else if (kind == "ioctl" && args.size() > 1 && driver::request_from_name(args[1])) {
-        changed.fail_request = *driver::request_from_name(args[1]);
+    } else if (kind == "ioctl") {
+        const std::optional<uint32_t> request =
+            args.size() > 1 ? driver::request_from_name(args[1]) : std::nullopt;
+        if (!request)
+            return usage("ioctl takes set, store or fetch");
+        changed.fail_request = *request;
         changed.fail_param = 0;
         next = 2;
-    } else if (kind == "chunk" && args.size() > 1 && number(args[1]).value_or(0) > 0) {
+    } else if (kind == "chunk") {
+        if (args.size() < 2 || number(args[1]).value_or(0) == 0)
+            return usage("chunk takes a chunk number above 0");
         changed.fail_chunk = *number(args[1]);
         next = 2;
     } else {
-        return usage("unknown fault");
+        return usage("unknown fault: " + std::string(kind));
     }
     for (; next < args.size(); next += 2) {
         const std::string_view option = args[next];
-        const std::optional<uint32_t> value =
-            next + 1 < args.size() ? number(args[next + 1]) : std::nullopt;
-        if (!value || (option != "--param" && option != "--errno"))
-            return usage(std::string("bad option: ") + std::string(option));
-        if (option == "--param")
-            changed.fail_param = *value;
-        else if (*value > 0 && *value < 4096)
-            changed.fail_errno = static_cast<int32_t>(*value);
+        if (option != "--param" && option != "--errno")
+            return usage("unexpected argument: " + std::string(option));
+        const uint32_t value = next + 1 < args.size() ? number(args[next + 1]).value_or(0) : 0;
+        if (option == "--param" && value > 0)
+            changed.fail_param = value;
+        else if (option == "--errno" && value > 0 && value < 4096)
+            changed.fail_errno = static_cast<int32_t>(value);
         else
-            return usage("--errno takes an errno number");
+            return usage("bad value of " + std::string(option));
     }
     faults = changed;
     print_faults(faults);
@@ -227,6 +232,11 @@ int fault_command(DriverFaults &faults, std::span<char *const> args)
 int driver_command(std::span<char *const> args)
 {
     const std::string_view sub = args.empty() ? "module" : args[0];
+    const std::span<char *const> rest = args.empty() ? args : args.subspan(1);
+    if (sub != "module" && sub != "journal" && sub != "config" && sub != "slot" && sub != "fault")
+        return usage("unknown subcommand: " + std::string(sub));
+    if ((sub == "module" || sub == "journal") && !rest.empty())
+        return usage(std::string(sub) + " takes no arguments");
     const std::unique_ptr<State> state = open_state();
     if (!state)
         return exit_failure;
@@ -238,26 +248,22 @@ int driver_command(std::span<char *const> args)
     }
     Session session = state->lock();
     DriverState &driver = session.layout().driver;
-    const std::span<char *const> rest = args.empty() ? args : args.subspan(1);
-    if (sub == "module" && rest.empty()) {
-        print_module(driver);
-        print_slot(driver);
-        print_faults(driver.faults);
-        return 0;
-    }
     if (sub == "config")
         return config_command(driver, rest);
     if (sub == "slot")
         return slot_command(driver, rest);
     if (sub == "fault")
         return fault_command(driver.faults, rest);
-    return usage("unknown subcommand: " + std::string(sub));
+    print_module(driver);
+    print_slot(driver);
+    print_faults(driver.faults);
+    return 0;
 }
 
 const Registration registration{{"driver", kUsage,
                                  "the virtual speaker-protection driver: module state, received "
                                  "configurations, calibration slot, journal, faults",
-                                 driver_command}};
+                                 driver_command, "--param= --errno="}};
 
 } // namespace
 

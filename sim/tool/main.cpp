@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace tvox::sim::tool
@@ -82,23 +83,77 @@ std::string simulator_dir(std::string_view dir)
     return ec ? chosen : absolute.lexically_normal().string();
 }
 
-std::string state_error(int err)
-{
-    if (err == -EUCLEAN)
-        return "its state file is damaged (tvoxsim init makes a fresh one)";
-    return std::strerror(-err);
-}
-
 std::unique_ptr<State> open_state()
 {
     int err = 0;
     const std::string dir = simulator_dir("");
     std::unique_ptr<State> state = State::open(dir, err);
     if (!state)
-        std::fprintf(stderr, "tvoxsim: cannot open the simulator in %s: %s\n", dir.c_str(),
-                     state_error(err).c_str());
+        std::fprintf(stderr, "tvoxsim: %s\n", State::open_error(dir, err).c_str());
     return state;
 }
+
+std::string log_path(const std::string &dir)
+{
+    return dir + "/tvoxsp.log";
+}
+
+namespace
+{
+
+bool is_help(std::string_view arg)
+{
+    return arg == "--help" || arg == "-h";
+}
+
+int command_help(const Command &command)
+{
+    std::printf("usage: tvoxsim %.*s %.*s\n\n%.*s\n", static_cast<int>(command.name.size()),
+                command.name.data(), static_cast<int>(command.usage.size()), command.usage.data(),
+                static_cast<int>(command.summary.size()), command.summary.data());
+    return 0;
+}
+
+// Whether `option` is one of the command's, and whether it takes a value.
+std::optional<bool> option_takes_value(const Command &command, std::string_view option)
+{
+    for (std::string_view rest = command.options; !rest.empty();) {
+        const size_t end = std::min(rest.find(' '), rest.size());
+        std::string_view known = rest.substr(0, end);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+        const bool takes_value = known.ends_with('=');
+        if (takes_value)
+            known.remove_suffix(1);
+        if (known == option)
+            return takes_value;
+    }
+    return std::nullopt;
+}
+
+// Help, or the first word that is not an option of the command; -1 when the words are fine.
+int check_options(const Command &command, std::span<char *const> args)
+{
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string_view arg = args[i];
+        if (command.runs_a_program && arg == "--")
+            break;
+        if (is_help(arg))
+            return command_help(command);
+        if (!arg.starts_with('-')) {
+            if (command.runs_a_program)
+                break;
+            continue;
+        }
+        const std::optional<bool> takes_value = option_takes_value(command, arg);
+        if (!takes_value)
+            return usage_error(command.name, "unknown option: " + std::string(arg));
+        if (*takes_value && ++i == args.size())
+            return usage_error(command.name, std::string(arg) + " needs a value");
+    }
+    return -1;
+}
+
+} // namespace
 
 } // namespace tvox::sim::tool
 
@@ -110,11 +165,18 @@ int main(int argc, char **argv)
         return exit_usage;
     }
     std::string_view name = argv[1];
-    if (name == "--help" || name == "-h" || name == "help")
+    if (is_help(name) || name == "help")
         return print_help(stdout);
+    if (name.starts_with('-')) {
+        std::fprintf(stderr, "tvoxsim: unknown option %s (see tvoxsim --help)\n", argv[1]);
+        return exit_usage;
+    }
     for (const Command &command : commands()) {
-        if (command.name == name)
-            return command.run(std::span<char *const>(argv + 2, static_cast<size_t>(argc - 2)));
+        if (command.name != name)
+            continue;
+        const std::span<char *const> args(argv + 2, static_cast<size_t>(argc - 2));
+        const int status = check_options(command, args);
+        return status >= 0 ? status : command.run(args);
     }
     std::fprintf(stderr, "tvoxsim: unknown command \"%s\" (see tvoxsim --help)\n", argv[1]);
     return exit_usage;

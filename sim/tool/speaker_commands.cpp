@@ -114,7 +114,7 @@ int speakers(std::span<char *const> args)
 const Registration registrations[] = {
     Registration{{"speaker", kSpeakerUsage,
                   "show or change the speaker behind a channel (its resistance, F0, fault)",
-                  speaker}},
+                  speaker, "--ohms= --f0= --fault="}},
     Registration{{"speakers", "",
                   "show both speakers and what their DSPs report (CAL_R in use, calibration, F0)",
                   speakers}},

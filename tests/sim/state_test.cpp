@@ -1,4 +1,4 @@
-// The shared state file: stale files and processes sharing it.
+// The shared state file: damaged or foreign files and processes sharing it.
 #include "card.h"
 #include "state.h"
 #include "support/sim_fixture.h"
@@ -10,7 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <fstream>
+#include <functional>
 #include <set>
+#include <sstream>
 
 namespace
 {
@@ -45,29 +48,59 @@ class StateTest : public tvox::test::SimTest
     }
 };
 
-TEST_F(StateTest, StaleOrForeignFilesAreReplacedNotMisread)
+// A state file that is not whole, not a state file or from another build is refused by every
+// process, left as it is (its values may matter), and replaced only by a fresh one.
+TEST_F(StateTest, CutShortForeignOrOtherBuildFilesAreRefusedAndKept)
 {
     const std::string path = sim_dir() + "/state";
-    const auto overwrite = [&](int flags, off_t offset, const void *data, size_t size) {
-        const int fd = open(path.c_str(), O_WRONLY | flags);
-        ASSERT_GE(fd, 0);
-        EXPECT_EQ(pwrite(fd, data, size, offset), static_cast<ssize_t>(size));
-        close(fd);
+    const auto contents = [&] {
+        std::ostringstream text;
+        text << std::ifstream(path, std::ios::binary).rdbuf();
+        return text.str();
     };
-    ASSERT_EQ(write_mode(3), 1);
-    ASSERT_EQ(fresh_mode(), (std::vector<long>{3}));
-    // Another layout version in the header: the values go back to their defaults.
     const uint32_t other_version = tvox::sim::kLayoutVersion + 1;
-    overwrite(0, offsetof(tvox::sim::Header, version), &other_version, sizeof other_version);
+    const std::string damaged = "is damaged or truncated";
+    const struct {
+        const char *what;
+        std::function<void()> damage;
+        int err;
+        std::string says;
+    } cases[] = {
+        {"another layout version",
+         [&] {
+             const int fd = open(path.c_str(), O_WRONLY);
+             ASSERT_EQ(pwrite(fd, &other_version, sizeof other_version,
+                              offsetof(tvox::sim::Header, version)),
+                       static_cast<ssize_t>(sizeof other_version));
+             close(fd);
+         },
+         -EPROTO, "was made by another build of tvoxsim"},
+        {"cut short", [&] { ASSERT_EQ(truncate(path.c_str(), 4096), 0); }, -EUCLEAN, damaged},
+        {"grown", [&] { ASSERT_EQ(truncate(path.c_str(), sizeof(tvox::sim::Layout) + 8), 0); },
+         -EUCLEAN, damaged},
+        {"empty", [&] { ASSERT_EQ(truncate(path.c_str(), 0), 0); }, -EUCLEAN, damaged},
+        {"not a state file", [&] { std::ofstream(path, std::ios::binary) << "hello"; }, -EUCLEAN,
+         damaged},
+    };
+    for (const auto &c : cases) {
+        int err = 0;
+        ASSERT_TRUE(State::create(sim_dir(), err)) << c.what;
+        ASSERT_EQ(write_mode(3), 1) << c.what;
+        c.damage();
+        const std::string before = contents();
+        EXPECT_FALSE(State::open(sim_dir(), err)) << c.what;
+        EXPECT_EQ(err, c.err) << c.what;
+        EXPECT_EQ(write_mode(2), c.err) << c.what;
+        const CommandResult show = tool("show 0");
+        EXPECT_EQ(show.status, 1) << c.what;
+        EXPECT_EQ(show.output, "tvoxsim: the state file in " + sim_dir() + " " + c.says +
+                                   " (tvoxsim init --force " + sim_dir() + " makes a fresh one)\n")
+            << c.what;
+        EXPECT_EQ(contents(), before) << c.what;
+    }
+    int err = 0;
+    ASSERT_TRUE(State::create(sim_dir(), err));
     EXPECT_TRUE(fresh_mode().empty());
-    ASSERT_EQ(write_mode(3), 1);
-    EXPECT_EQ(fresh_mode(), (std::vector<long>{3}));
-    // A file of another size, and one that is not a state file at all.
-    ASSERT_EQ(truncate(path.c_str(), 4096), 0);
-    EXPECT_TRUE(fresh_mode().empty());
-    overwrite(O_TRUNC, 0, "hello", 5);
-    EXPECT_EQ(write_mode(2), 1);
-    EXPECT_EQ(fresh_mode(), (std::vector<long>{2}));
 }
 
 // A valid header over damaged tables: refused with a clear error by every process that opens
@@ -101,7 +134,7 @@ TEST_F(StateTest, DamagedTablesAreRefusedUntilInitMakesAFreshFile)
     };
     const std::string path = sim_dir() + "/state";
     for (const auto &damage : damages) {
-        ASSERT_EQ(tool("init").status, 0) << damage.what;
+        ASSERT_EQ(tool("init --force").status, 0) << damage.what;
         ASSERT_EQ(amixer(0, "cget name='T DSP Mode'").status, 0) << damage.what;
         const int fd = open(path.c_str(), O_WRONLY);
         ASSERT_GE(fd, 0);
@@ -115,13 +148,15 @@ TEST_F(StateTest, DamagedTablesAreRefusedUntilInitMakesAFreshFile)
         EXPECT_EQ(err, -EUCLEAN) << damage.what;
         const CommandResult show = tool("show 0");
         EXPECT_EQ(show.status, 1) << damage.what;
-        EXPECT_EQ(show.output, "tvoxsim: cannot open card 0 in " + sim_dir() +
-                                   ": its state file is damaged (tvoxsim init makes a fresh one)\n")
-            << damage.what;
+        const std::string message = "tvoxsim: the state file in " + sim_dir() +
+                                    " is damaged or truncated (tvoxsim init --force " + sim_dir() +
+                                    " makes a fresh one)\n";
+        EXPECT_EQ(show.output, message) << damage.what;
         const CommandResult listing = amixer(0, "contents");
         EXPECT_EQ(listing.status, 1) << damage.what << listing.output;
+        EXPECT_NE(listing.output.find(message), std::string::npos) << damage.what;
     }
-    ASSERT_EQ(tool("init").status, 0);
+    ASSERT_EQ(tool("init --force").status, 0);
     EXPECT_EQ(fresh_mode(), (std::vector<long>{1}));
 }
 

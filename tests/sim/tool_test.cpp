@@ -16,24 +16,33 @@ using ToolTest = tvox::test::SimTest;
 TEST_F(ToolTest, EnvAndRunPutCommandsInsideTheSimulator)
 {
     std::filesystem::current_path(sim_dir());
-    CommandResult env = tool("env sub");
-    EXPECT_EQ(env.status, 0);
-    const std::string cards = "export TVOXSIM_DIR='" + sim_dir() + "/sub'\n" +
-                              "export ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + conf_path() +
-                              "'\nexport TINYALSA_CARD_0='tvoxsim:0'\n"
-                              "export TINYALSA_CARD_100='tvoxsim:100'\n";
-    EXPECT_EQ(env.output.substr(0, cards.size()), cards);
-    // Last, the preload that maps the phone paths.
-    EXPECT_EQ(env.output.substr(cards.size()).rfind("export LD_PRELOAD='/", 0), 0u) << env.output;
-
     // A folder that is not a simulator is refused, not silently made one.
     std::string other = sim_dir() + "/it's here";
-    const CommandResult refused = tool("run --dir \"" + other + "\" -- true");
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.output, "tvoxsim: " + other + " is not a simulator folder (tvoxsim init " +
-                                  other + " makes one)\n");
+    const std::string not_simulator = "tvoxsim: " + other + " is not a simulator folder (tvoxsim " +
+                                      "init " + other + " makes one)\n";
+    for (const std::string &command :
+         {"env \"" + other + "\"", "run --dir \"" + other + "\" true"}) {
+        const CommandResult refused = tool(command);
+        EXPECT_EQ(refused.status, 1) << command;
+        EXPECT_EQ(refused.output, not_simulator) << command;
+    }
     EXPECT_FALSE(std::filesystem::exists(other));
     ASSERT_EQ(tool("init \"" + other + "\"").status, 0);
+
+    CommandResult env = tool("env \"it's here\"");
+    EXPECT_EQ(env.status, 0);
+    const std::string quoted = "'" + sim_dir() + "/it'\\''s here";
+    const std::string exports =
+        "export TVOXSIM_DIR=" + quoted + "'\n" +
+        "export ALSA_CONFIG_PATH='/usr/share/alsa/alsa.conf:" + conf_path() +
+        "'\nexport TINYALSA_CARD_0='tvoxsim:0'\n"
+        "export TINYALSA_CARD_100='tvoxsim:100'\n"
+        "export TVOXSP_LOG_FILE=" +
+        quoted + "/tvoxsp.log'\n";
+    EXPECT_EQ(env.output.substr(0, exports.size()), exports);
+    // Last, the preload that maps the phone paths.
+    EXPECT_EQ(env.output.substr(exports.size()).rfind("export LD_PRELOAD='/", 0), 0u) << env.output;
+
     CommandResult run = tool("run --dir \"" + other +
                              "\" -- sh -c 'echo $TVOXSIM_DIR; amixer -D $TINYALSA_CARD_0 cset "
                              "name=\"T DSP Mode\" 3 >/dev/null && exit 7'");
@@ -52,7 +61,7 @@ TEST_F(ToolTest, ShowJournalAndInitReportAndResetTheStateOrSayWhyNot)
     EXPECT_NE(tool("show 0").output.find(mode_line + "2\n"), std::string::npos);
     EXPECT_EQ(tool("journal").output, "ctl 0 \"T DSP Mode\" = 2\n");
 
-    EXPECT_EQ(tool("init").output, "simulator ready in " + sim_dir() + "\n");
+    EXPECT_EQ(tool("init --force").output, "simulator ready in " + sim_dir() + "\n");
     EXPECT_EQ(tool("journal").output, "");
     EXPECT_NE(tool("show 0").output.find(mode_line + "1\n"), std::string::npos);
 

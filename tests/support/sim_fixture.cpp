@@ -49,9 +49,11 @@ void SimTest::SetUp()
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
     unsetenv("TVOXSIM_FILLER");
+    // A log file chosen in the developer's shell would be kept by tvoxsim run and env.
+    unsetenv("TVOXSP_LOG_FILE");
     ASSERT_EQ(tvox::sim::apply_environment(dir_, conf_path()), 0);
     int err = 0;
-    state_ = tvox::sim::State::open(dir_, err);
+    state_ = tvox::sim::State::create(dir_, err);
     ASSERT_TRUE(state_) << "cannot open the simulator state in " << dir_ << ": " << err;
 }
 
