@@ -80,7 +80,7 @@ TEST_F(PcmSim, FailedOpensGiveANotReadyPcmWithTheReason)
     pcm_config wanted = config(PCM_FORMAT_S16_LE);
     pcm *missing = pcm_open(5, 2, PCM_OUT, &wanted);
     ASSERT_NE(missing, nullptr);
-    EXPECT_EQ(pcm_write(missing, "abcd", 4), -EINVAL);
+    EXPECT_EQ(pcm_write(missing, "abcd", 4), -EBADF);
     EXPECT_EQ(pcm_close(missing), 0);
     EXPECT_EQ(pcm_params_get(5, 0, PCM_OUT), nullptr);
 
