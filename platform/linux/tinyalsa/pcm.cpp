@@ -190,15 +190,23 @@ template <typename Void> int transfer(pcm &pcm, Void *data, unsigned int frames,
         return -EINVAL;
     snd_pcm_t *handle = pcm.handle.get();
     const unsigned int frame_bytes = pcm_frames_to_bytes(&pcm, 1);
+    const bool restart = (pcm.flags & PCM_NORESTART) == 0;
+    // Reported once: the stream is prepared, so the next call starts it again.
+    const auto underrun = [&pcm, handle] {
+        snd_pcm_prepare(handle);
+        return pcm.fail("cannot read/write stream data", -EPIPE);
+    };
     unsigned int done = 0;
     while (done < frames) {
+        if (!restart && snd_pcm_state(handle) == SND_PCM_STATE_XRUN)
+            return underrun();
         if (int err = prepare(pcm); err < 0)
             return err;
         auto *at = static_cast<std::conditional_t<std::is_const_v<Void>, const char, char> *>(data);
         const snd_pcm_sframes_t moved =
             move(handle, at + size_t{done} * frame_bytes, frames - done);
-        if (moved == -EPIPE && (pcm.flags & PCM_NORESTART) != 0)
-            return pcm.fail("cannot read/write stream data", -EPIPE);
+        if (moved == -EPIPE && !restart)
+            return underrun();
         if (moved == -EAGAIN && (pcm.flags & PCM_NONBLOCK) != 0)
             return done > 0 ? static_cast<int>(done) : -EAGAIN;
         if (moved == -EPIPE || moved == -EINTR || moved == -EAGAIN)
