@@ -126,6 +126,14 @@ int read_value(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, ValuePtr &value)
     return err < 0 ? err : 0;
 }
 
+// Reads the control for element `id`: 0, -EINVAL past its count, or the device's negative errno.
+int read_element(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, unsigned int id, ValuePtr &value)
+{
+    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
+        return -EINVAL;
+    return read_value(ctl, info, value);
+}
+
 int write_value(mixer_ctl *ctl, snd_ctl_elem_value_t *value)
 {
     int err = snd_ctl_elem_write(ctl->owner->handle.get(), value);
@@ -207,6 +215,18 @@ const snd_ctl_elem_info_t *integer_info(mixer_ctl *ctl)
     return info != nullptr && snd_ctl_elem_info_get_type(info) == SND_CTL_ELEM_TYPE_INTEGER
                ? info
                : nullptr;
+}
+
+// An INTEGER control's range, for percents.
+struct Span {
+    long long min;
+    long long range;
+};
+
+Span span_of(const snd_ctl_elem_info_t *info)
+{
+    const long long min = snd_ctl_elem_info_get_min(info);
+    return {min, snd_ctl_elem_info_get_max(info) - min};
 }
 
 // The descriptor a kernel card's control device is open on, or -1.
@@ -421,16 +441,14 @@ int mixer_ctl_get_range_max(struct mixer_ctl *ctl)
 int mixer_ctl_get_percent(struct mixer_ctl *ctl, unsigned int id)
 {
     const snd_ctl_elem_info_t *info = integer_info(ctl);
-    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
-        return -EINVAL;
     ValuePtr value;
-    if (int err = read_value(ctl, info, value); err < 0)
+    if (int err = read_element(ctl, info, id, value); err < 0)
         return err;
-    const long long min = snd_ctl_elem_info_get_min(info);
-    const long long range = snd_ctl_elem_info_get_max(info) - min;
-    if (range <= 0)
+    const Span span = span_of(info);
+    if (span.range <= 0)
         return 0;
-    return static_cast<int>((snd_ctl_elem_value_get_integer(value.get(), id) - min) * 100 / range);
+    return static_cast<int>((snd_ctl_elem_value_get_integer(value.get(), id) - span.min) * 100 /
+                            span.range);
 }
 
 int mixer_ctl_set_percent(struct mixer_ctl *ctl, unsigned int id, int percent)
@@ -438,10 +456,9 @@ int mixer_ctl_set_percent(struct mixer_ctl *ctl, unsigned int id, int percent)
     const snd_ctl_elem_info_t *info = integer_info(ctl);
     if (info == nullptr)
         return -EINVAL;
-    const long long min = snd_ctl_elem_info_get_min(info);
-    const long long range = snd_ctl_elem_info_get_max(info) - min;
-    return mixer_ctl_set_value(ctl, id,
-                               static_cast<int>(min + range * std::clamp(percent, 0, 100) / 100));
+    const Span span = span_of(info);
+    return mixer_ctl_set_value(
+        ctl, id, static_cast<int>(span.min + span.range * std::clamp(percent, 0, 100) / 100));
 }
 
 int mixer_ctl_is_access_tlv_rw(struct mixer_ctl *ctl)
@@ -453,10 +470,8 @@ int mixer_ctl_is_access_tlv_rw(struct mixer_ctl *ctl)
 int mixer_ctl_get_value(struct mixer_ctl *ctl, unsigned int id)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
-        return -EINVAL;
     ValuePtr value;
-    if (int err = read_value(ctl, info, value); err < 0)
+    if (int err = read_element(ctl, info, id, value); err < 0)
         return err;
     switch (snd_ctl_elem_info_get_type(info)) {
     case SND_CTL_ELEM_TYPE_BOOLEAN:
@@ -475,11 +490,9 @@ int mixer_ctl_get_value(struct mixer_ctl *ctl, unsigned int id)
 int mixer_ctl_set_value(struct mixer_ctl *ctl, unsigned int id, int value)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
-        return -EINVAL;
     // Read, change one element, write back: the other elements keep their values.
     ValuePtr current;
-    if (int err = read_value(ctl, info, current); err < 0)
+    if (int err = read_element(ctl, info, id, current); err < 0)
         return err;
     switch (snd_ctl_elem_info_get_type(info)) {
     case SND_CTL_ELEM_TYPE_BOOLEAN:
