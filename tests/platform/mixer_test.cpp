@@ -136,13 +136,24 @@ TEST_F(MixerSim, TlvByteControlsMoveTheCallersContainer)
     ASSERT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), part.data(), part.size()), 0);
     EXPECT_EQ(part, container(4, {payload.begin(), payload.begin() + 4}));
 
-    // More than the control plus its header, or a length word past the buffer: refused, and
-    // the value stays.
+    // Every byte of the container reaches the control, whatever its length word says.
+    for (const uint32_t length : {0u, 4u, 12u, 0xffffffffu}) {
+        const std::vector<uint8_t> data(8, static_cast<uint8_t>(length + 1));
+        const std::vector<uint8_t> whole = container(length, data);
+        ASSERT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), whole.data(), whole.size()), 0) << length;
+        std::vector<uint8_t> expected = data;
+        expected.insert(expected.end(), payload.begin() + 8, payload.end());
+        EXPECT_EQ(bytes(0, tlv_bytes), expected) << length;
+    }
+
+    // More than the control plus its header, or less than a header: refused, and the value
+    // stays.
+    preset_bytes(0, tlv_bytes, payload);
     clear_journal();
     std::vector<uint8_t> oversized = container(16, std::vector<uint8_t>(17, 0x11));
     EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), oversized.size()), -EINVAL);
-    const std::vector<uint8_t> overlong = container(12, std::vector<uint8_t>(8, 0x11));
-    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), overlong.data(), overlong.size()), -EINVAL);
+    EXPECT_EQ(mixer_ctl_set_array(ctl(tlv_bytes), oversized.data(), 7), -EINVAL);
+    EXPECT_EQ(mixer_ctl_get_array(ctl(tlv_bytes), oversized.data(), 7), -EINVAL);
     EXPECT_EQ(bytes(0, tlv_bytes), payload);
     EXPECT_EQ(journal_lines(), std::vector<std::string>{});
 }

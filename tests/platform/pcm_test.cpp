@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -80,7 +81,7 @@ TEST_F(PcmSim, FailedOpensGiveANotReadyPcmWithTheReason)
     pcm_config wanted = config(PCM_FORMAT_S16_LE);
     pcm *missing = pcm_open(5, 2, PCM_OUT, &wanted);
     ASSERT_NE(missing, nullptr);
-    EXPECT_EQ(pcm_write(missing, "abcd", 4), -EINVAL);
+    EXPECT_EQ(pcm_write(missing, "abcd", 4), -EBADF);
     EXPECT_EQ(pcm_close(missing), 0);
     EXPECT_EQ(pcm_params_get(5, 0, PCM_OUT), nullptr);
 
@@ -129,6 +130,60 @@ TEST_F(PcmSim, ABusyDeviceRefusesASecondOpenAtOnce)
     pcm *after_death = pcm_open(0, 0, PCM_OUT, &again);
     EXPECT_EQ(pcm_is_ready(after_death), 1) << pcm_get_error(after_death);
     pcm_close(after_death);
+}
+
+// What pcm_open makes of a configuration: 0 or the errno of a refusal, and the configuration as
+// the caller has it afterwards.
+struct Opened {
+    int err;
+    pcm_config config;
+};
+
+Opened open_with(pcm_config config, unsigned int flags = PCM_OUT)
+{
+    pcm *stream = pcm_open(0, 0, flags, &config);
+    const std::string error = pcm_get_error(stream);
+    const int ready = pcm_is_ready(stream);
+    pcm_close(stream);
+    if (ready)
+        return {0, config};
+    return {error.find("Invalid argument") != std::string::npos ? EINVAL : -1, config};
+}
+
+TEST_F(PcmSim, PcmOpenTakesTheConfigurationAsTheKernelDoes)
+{
+    const pcm_config base{2, 48000, 1024, 4, PCM_FORMAT_S16_LE, 0, 0, 0, 0, 0};
+    // The defaults of the thresholds stay inside: only the period layout comes back.
+    Opened opened = open_with(base);
+    EXPECT_EQ(opened.err, 0);
+    EXPECT_EQ(std::memcmp(&opened.config, &base, sizeof base), 0);
+
+    struct Case {
+        const char *what;
+        unsigned int period_size, silence_threshold, silence_size;
+        int err;
+        unsigned int period_taken;
+    };
+    const std::vector<Case> cases{
+        {"the whole buffer as silence threshold", 1024, 4096, 0, 0, 1024},
+        {"silence size up to the threshold", 1024, 2048, 2048, 0, 1024},
+        {"silence threshold past the buffer", 1024, 4097, 0, EINVAL, 1024},
+        {"silence size past the threshold", 1024, 100, 200, EINVAL, 1024},
+        {"a period below the device's least: its least", 10, 0, 0, 0, 16},
+        {"a period the device takes exactly", 1000, 0, 0, 0, 1000},
+        {"a period past the device's most", 1 << 20, 0, 0, EINVAL, 1 << 20},
+    };
+    for (const Case &c : cases) {
+        pcm_config config = base;
+        config.period_size = c.period_size;
+        config.silence_threshold = c.silence_threshold;
+        config.silence_size = c.silence_size;
+        opened = open_with(config);
+        EXPECT_EQ(opened.err, c.err) << c.what;
+        EXPECT_EQ(opened.config.period_size, c.period_taken) << c.what;
+        EXPECT_EQ(opened.config.start_threshold, 0u) << c.what;
+        EXPECT_EQ(opened.config.avail_min, 0) << c.what;
+    }
 }
 
 } // namespace

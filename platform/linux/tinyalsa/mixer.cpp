@@ -3,12 +3,20 @@
 // Real cards carry thousands of controls, so opening only lists their ids; a control's details
 // (info, enum item names) are fetched the first time they are needed, and lookups by name compare
 // the names of that list without asking the device anything.
+//
+// tinyalsa hands a TLV container to the kernel as it is, all `count` bytes; alsa-lib sends as many
+// bytes as the container's length word announces. A kernel card gets the container through the
+// control device itself; a plugin card, which only alsa-lib reaches, gets a copy whose length
+// word announces every byte.
 #include <tinyalsa/asoundlib.h>
 
 #include <alsa/asoundlib.h>
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -16,6 +24,7 @@
 #include <vector>
 
 #include "alsa_names.h"
+#include "kernel.h"
 
 using tinyalsa::AlsaPtr;
 
@@ -33,9 +42,7 @@ using ListPtr = AlsaPtr<snd_ctl_elem_list_t, free_list>;
 using InfoPtr = AlsaPtr<snd_ctl_elem_info_t, snd_ctl_elem_info_free>;
 using IdPtr = AlsaPtr<snd_ctl_elem_id_t, snd_ctl_elem_id_free>;
 using ValuePtr = AlsaPtr<snd_ctl_elem_value_t, snd_ctl_elem_value_free>;
-
-// A TLV container starts with two 32-bit words: tag and payload length.
-constexpr size_t tlv_header_size = 2 * sizeof(unsigned int);
+using CardInfoPtr = AlsaPtr<snd_ctl_card_info_t, snd_ctl_card_info_free>;
 
 } // namespace
 
@@ -50,6 +57,8 @@ struct mixer_ctl {
 struct mixer {
     CtlPtr handle;
     ListPtr list;
+    std::string name;   // the card's short name
+    int kernel_fd = -1; // the control device of a kernel card, -1 for a plugin card
     std::vector<mixer_ctl> ctls;
 };
 
@@ -117,6 +126,14 @@ int read_value(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, ValuePtr &value)
     return err < 0 ? err : 0;
 }
 
+// Reads the control for element `id`: 0, -EINVAL past its count, or the device's negative errno.
+int read_element(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, unsigned int id, ValuePtr &value)
+{
+    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
+        return -EINVAL;
+    return read_value(ctl, info, value);
+}
+
 int write_value(mixer_ctl *ctl, snd_ctl_elem_value_t *value)
 {
     int err = snd_ctl_elem_write(ctl->owner->handle.get(), value);
@@ -140,29 +157,35 @@ ArrayPath array_path(const snd_ctl_elem_info_t *info, const void *array, size_t 
     const size_t size = snd_ctl_elem_info_get_count(info);
     const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
     if (type == SND_CTL_ELEM_TYPE_BYTES && is_tlv_rw(info))
-        return count > size + tlv_header_size ? ArrayPath::refused : ArrayPath::tlv;
+        return count > size + TLV_HEADER_SIZE ? ArrayPath::refused : ArrayPath::tlv;
     const bool plain = type == SND_CTL_ELEM_TYPE_BOOLEAN || type == SND_CTL_ELEM_TYPE_INTEGER ||
                        type == SND_CTL_ELEM_TYPE_BYTES;
     return plain && count <= size ? ArrayPath::values : ArrayPath::refused;
 }
 
-// A TLV container as alsa-lib wants it: whole 32-bit words, never shorter than the header.
-// Rounded up without adding to the byte count, which must not wrap for any size_t.
+// A TLV container as alsa-lib wants it: whole 32-bit words. Rounded up without adding to the
+// byte count, which must not wrap for any size_t (callers refuse a count below the header).
 std::vector<unsigned int> tlv_words(size_t bytes)
 {
-    const size_t size = std::max(bytes, tlv_header_size);
-    return std::vector<unsigned int>(size / sizeof(unsigned int) +
-                                     (size % sizeof(unsigned int) != 0 ? 1 : 0));
+    return std::vector<unsigned int>(bytes / sizeof(unsigned int) +
+                                     (bytes % sizeof(unsigned int) != 0 ? 1 : 0));
 }
 
 int tlv_read(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, void *array, size_t count)
 {
+    // The kernel's answer for a container without room for its header.
+    if (count < TLV_HEADER_SIZE)
+        return -EINVAL;
+    const mixer &owner = *ctl->owner;
+    if (owner.kernel_fd >= 0)
+        return tinyalsa::kernel::tlv_read(owner.kernel_fd, snd_ctl_elem_info_get_numid(info), array,
+                                          count);
     IdPtr id = info_id(info);
     if (!id)
         return -ENOMEM;
     std::vector<unsigned int> tlv = tlv_words(count);
-    int err = snd_ctl_elem_tlv_read(ctl->owner->handle.get(), id.get(), tlv.data(),
-                                    static_cast<unsigned int>(tlv.size() * sizeof(unsigned int)));
+    int err = snd_ctl_elem_tlv_read(owner.handle.get(), id.get(), tlv.data(),
+                                    static_cast<unsigned int>(count));
     if (err < 0)
         return err;
     std::memcpy(array, tlv.data(), count);
@@ -171,19 +194,64 @@ int tlv_read(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, void *array, size_
 
 int tlv_write(mixer_ctl *ctl, const snd_ctl_elem_info_t *info, const void *array, size_t count)
 {
-    if (count < tlv_header_size)
+    if (count < TLV_HEADER_SIZE)
         return -EINVAL;
+    const mixer &owner = *ctl->owner;
+    if (owner.kernel_fd >= 0)
+        return tinyalsa::kernel::tlv_write(owner.kernel_fd, snd_ctl_elem_info_get_numid(info),
+                                           array, count);
     std::vector<unsigned int> tlv = tlv_words(count);
     std::memcpy(tlv.data(), array, count);
-    // alsa-lib sends as many bytes as the container's length word announces: it must not
-    // announce more than the caller handed over.
-    if (tlv[1] > count - tlv_header_size)
-        return -EINVAL;
+    tlv[1] = static_cast<unsigned int>(count - TLV_HEADER_SIZE);
     IdPtr id = info_id(info);
     if (!id)
         return -ENOMEM;
-    int err = snd_ctl_elem_tlv_write(ctl->owner->handle.get(), id.get(), tlv.data());
+    int err = snd_ctl_elem_tlv_write(owner.handle.get(), id.get(), tlv.data());
     return err < 0 ? err : 0;
+}
+
+// The info of an INTEGER control, else null.
+const snd_ctl_elem_info_t *integer_info(mixer_ctl *ctl)
+{
+    const snd_ctl_elem_info_t *info = info_of(ctl);
+    return info != nullptr && snd_ctl_elem_info_get_type(info) == SND_CTL_ELEM_TYPE_INTEGER
+               ? info
+               : nullptr;
+}
+
+// An INTEGER control's range, for percents.
+struct Span {
+    long long min;
+    long long range;
+};
+
+Span span_of(const snd_ctl_elem_info_t *info)
+{
+    const long long min = snd_ctl_elem_info_get_min(info);
+    return {min, snd_ctl_elem_info_get_max(info) - min};
+}
+
+// The descriptor a kernel card's control device is open on, or -1.
+int kernel_fd(snd_ctl_t *handle)
+{
+    pollfd descriptor{};
+    if (snd_ctl_type(handle) != SND_CTL_TYPE_HW ||
+        snd_ctl_poll_descriptors(handle, &descriptor, 1) != 1)
+        return -1;
+    return descriptor.fd;
+}
+
+// The card's short name, as tinyalsa reads it at open; false when the card does not tell.
+bool card_name(snd_ctl_t *handle, std::string &name)
+{
+    snd_ctl_card_info_t *raw = nullptr;
+    if (snd_ctl_card_info_malloc(&raw) < 0)
+        return false;
+    CardInfoPtr info(raw);
+    if (snd_ctl_card_info(handle, info.get()) < 0)
+        return false;
+    name = snd_ctl_card_info_get_name(info.get());
+    return true;
 }
 
 const std::vector<std::string> *enum_names_of(mixer_ctl *ctl)
@@ -219,6 +287,9 @@ struct mixer *mixer_open(unsigned int card)
     if (snd_ctl_open(&raw_handle, name.c_str(), 0) < 0)
         return nullptr;
     CtlPtr handle(raw_handle);
+    std::string card_short_name;
+    if (!card_name(handle.get(), card_short_name))
+        return nullptr;
 
     snd_ctl_elem_list_t *raw_list = nullptr;
     if (snd_ctl_elem_list_malloc(&raw_list) < 0)
@@ -232,7 +303,9 @@ struct mixer *mixer_open(unsigned int card)
         snd_ctl_elem_list(handle.get(), list.get()) < 0)
         return nullptr;
 
-    auto *result = new mixer{std::move(handle), std::move(list), {}};
+    const int fd = kernel_fd(handle.get());
+    auto *result =
+        new mixer{std::move(handle), std::move(list), std::move(card_short_name), fd, {}};
     const unsigned int used = snd_ctl_elem_list_get_used(result->list.get());
     result->ctls.resize(used);
     for (unsigned int i = 0; i < used; ++i) {
@@ -245,6 +318,11 @@ struct mixer *mixer_open(unsigned int card)
 void mixer_close(struct mixer *mixer)
 {
     delete mixer;
+}
+
+const char *mixer_get_name(struct mixer *mixer)
+{
+    return mixer == nullptr ? nullptr : mixer->name.c_str();
 }
 
 unsigned int mixer_get_num_ctls(struct mixer *mixer)
@@ -268,6 +346,12 @@ struct mixer_ctl *mixer_get_ctl_by_name(struct mixer *mixer, const char *name)
             return &ctl;
     }
     return nullptr;
+}
+
+unsigned int mixer_ctl_get_id(struct mixer_ctl *ctl)
+{
+    // The number mixer_get_ctl() takes.
+    return ctl == nullptr ? UINT_MAX : ctl->index;
 }
 
 const char *mixer_ctl_get_name(struct mixer_ctl *ctl)
@@ -302,6 +386,8 @@ enum mixer_ctl_type mixer_ctl_get_type(struct mixer_ctl *ctl)
 
 const char *mixer_ctl_get_type_string(struct mixer_ctl *ctl)
 {
+    if (ctl == nullptr)
+        return "";
     switch (mixer_ctl_get_type(ctl)) {
     case MIXER_CTL_TYPE_BOOL:
         return "BOOL";
@@ -344,18 +430,37 @@ const char *mixer_ctl_get_enum_string(struct mixer_ctl *ctl, unsigned int enum_i
 
 int mixer_ctl_get_range_min(struct mixer_ctl *ctl)
 {
-    const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_INTEGER)
-        return -EINVAL;
-    return static_cast<int>(snd_ctl_elem_info_get_min(info));
+    const snd_ctl_elem_info_t *info = integer_info(ctl);
+    return info == nullptr ? -EINVAL : static_cast<int>(snd_ctl_elem_info_get_min(info));
 }
 
 int mixer_ctl_get_range_max(struct mixer_ctl *ctl)
 {
-    const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || snd_ctl_elem_info_get_type(info) != SND_CTL_ELEM_TYPE_INTEGER)
+    const snd_ctl_elem_info_t *info = integer_info(ctl);
+    return info == nullptr ? -EINVAL : static_cast<int>(snd_ctl_elem_info_get_max(info));
+}
+
+int mixer_ctl_get_percent(struct mixer_ctl *ctl, unsigned int id)
+{
+    const snd_ctl_elem_info_t *info = integer_info(ctl);
+    ValuePtr value;
+    if (int err = read_element(ctl, info, id, value); err < 0)
+        return err;
+    const Span span = span_of(info);
+    if (span.range <= 0)
+        return 0;
+    return static_cast<int>((snd_ctl_elem_value_get_integer(value.get(), id) - span.min) * 100 /
+                            span.range);
+}
+
+int mixer_ctl_set_percent(struct mixer_ctl *ctl, unsigned int id, int percent)
+{
+    const snd_ctl_elem_info_t *info = integer_info(ctl);
+    if (info == nullptr)
         return -EINVAL;
-    return static_cast<int>(snd_ctl_elem_info_get_max(info));
+    const Span span = span_of(info);
+    return mixer_ctl_set_value(
+        ctl, id, static_cast<int>(span.min + span.range * std::clamp(percent, 0, 100) / 100));
 }
 
 int mixer_ctl_is_access_tlv_rw(struct mixer_ctl *ctl)
@@ -367,10 +472,8 @@ int mixer_ctl_is_access_tlv_rw(struct mixer_ctl *ctl)
 int mixer_ctl_get_value(struct mixer_ctl *ctl, unsigned int id)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
-        return -EINVAL;
     ValuePtr value;
-    if (int err = read_value(ctl, info, value); err < 0)
+    if (int err = read_element(ctl, info, id, value); err < 0)
         return err;
     switch (snd_ctl_elem_info_get_type(info)) {
     case SND_CTL_ELEM_TYPE_BOOLEAN:
@@ -389,11 +492,9 @@ int mixer_ctl_get_value(struct mixer_ctl *ctl, unsigned int id)
 int mixer_ctl_set_value(struct mixer_ctl *ctl, unsigned int id, int value)
 {
     const snd_ctl_elem_info_t *info = info_of(ctl);
-    if (info == nullptr || id >= snd_ctl_elem_info_get_count(info))
-        return -EINVAL;
     // Read, change one element, write back: the other elements keep their values.
     ValuePtr current;
-    if (int err = read_value(ctl, info, current); err < 0)
+    if (int err = read_element(ctl, info, id, current); err < 0)
         return err;
     switch (snd_ctl_elem_info_get_type(info)) {
     case SND_CTL_ELEM_TYPE_BOOLEAN:

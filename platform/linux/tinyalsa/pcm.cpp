@@ -1,22 +1,24 @@
-// The PCM half of tinyalsa over alsa-lib's PCM interface, with tinyalsa's defaults.
+// The PCM half of tinyalsa over alsa-lib's PCM interface, answering as tinyalsa does over the
+// kernel.
 //
 // Software parameters left 0 in the caller's configuration take tinyalsa's defaults: playback
 // starts once half the buffer is filled (capture at the first frame), stops when the buffer runs
 // empty (capture: after ten buffers of overrun), and wakes the writer for a single free frame
-// (a period with PCM_MMAP).
+// (a period with PCM_MMAP). The defaults stay inside the pcm: of the caller's configuration only
+// the period size and count change, to what the device took.
 #include <tinyalsa/asoundlib.h>
 
 #include <alsa/asoundlib.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "alsa_names.h"
+#include "kernel.h"
 
 using tinyalsa::AlsaPtr;
 
@@ -26,21 +28,13 @@ namespace
 using PcmPtr = AlsaPtr<snd_pcm_t, snd_pcm_close>;
 using HwParamsPtr = AlsaPtr<snd_pcm_hw_params_t, snd_pcm_hw_params_free>;
 using SwParamsPtr = AlsaPtr<snd_pcm_sw_params_t, snd_pcm_sw_params_free>;
-using FormatMaskPtr = AlsaPtr<snd_pcm_format_mask_t, snd_pcm_format_mask_free>;
+using StatusPtr = AlsaPtr<snd_pcm_status_t, snd_pcm_status_free>;
 
-struct FormatInfo {
-    snd_pcm_format_t alsa;
-    unsigned int bits; // bits one sample takes in the buffer
+// Indexed by enum pcm_format.
+constexpr std::array<snd_pcm_format_t, PCM_FORMAT_MAX> formats{
+    SND_PCM_FORMAT_S16_LE, SND_PCM_FORMAT_S32_LE,  SND_PCM_FORMAT_S8,
+    SND_PCM_FORMAT_S24_LE, SND_PCM_FORMAT_S24_3LE,
 };
-
-// Indexed by enum pcm_format. S24_LE sits in a 4-byte container, S24_3LE in 3 bytes.
-constexpr std::array<FormatInfo, PCM_FORMAT_MAX> formats{{
-    {SND_PCM_FORMAT_S16_LE, 16},
-    {SND_PCM_FORMAT_S32_LE, 32},
-    {SND_PCM_FORMAT_S8, 8},
-    {SND_PCM_FORMAT_S24_LE, 32},
-    {SND_PCM_FORMAT_S24_3LE, 24},
-}};
 
 bool valid_format(pcm_format format)
 {
@@ -71,10 +65,6 @@ struct pcm {
     }
 };
 
-struct pcm_params {
-    HwParamsPtr space;
-};
-
 namespace
 {
 
@@ -92,9 +82,13 @@ bool is_bad(const pcm *pcm)
     return pcm == nullptr || !pcm->handle;
 }
 
-int set_hw_params(pcm &pcm, pcm_config &config)
+// The hardware parameters as tinyalsa asks for them: format, channels, rate and period count
+// exact, the period at least the caller's size (the device's smallest that large; none larger
+// than the device takes), the rest left to the device.
+int set_hw_params(pcm &pcm)
 {
     snd_pcm_t *handle = pcm.handle.get();
+    const pcm_config &config = pcm.config;
     snd_pcm_hw_params_t *raw = nullptr;
     if (int err = snd_pcm_hw_params_malloc(&raw); err < 0)
         return err;
@@ -106,42 +100,45 @@ int set_hw_params(pcm &pcm, pcm_config &config)
     if (err >= 0)
         err = snd_pcm_hw_params_set_access(handle, params.get(), access);
     if (err >= 0)
-        err = snd_pcm_hw_params_set_format(handle, params.get(), formats[config.format].alsa);
+        err = snd_pcm_hw_params_set_format(handle, params.get(), formats[config.format]);
     if (err >= 0)
         err = snd_pcm_hw_params_set_channels(handle, params.get(), config.channels);
     if (err >= 0)
         err = snd_pcm_hw_params_set_rate(handle, params.get(), config.rate, 0);
-    // The period size is the nearest the device allows (the caller learns it); the period count
-    // is exact.
     if (err >= 0)
-        err = snd_pcm_hw_params_set_period_size_near(handle, params.get(), &period_size, nullptr);
+        err = snd_pcm_hw_params_set_period_size_min(handle, params.get(), &period_size, nullptr);
     if (err >= 0)
         err = snd_pcm_hw_params_set_periods(handle, params.get(), config.period_count, 0);
+    // The kernel picks the smallest period left; alsa-lib would pick the largest buffer.
+    if (err >= 0)
+        err = snd_pcm_hw_params_set_period_size_first(handle, params.get(), &period_size, nullptr);
     if (err >= 0)
         err = snd_pcm_hw_params(handle, params.get());
     if (err < 0)
         return err;
 
-    // The caller learns the refined period layout, as with tinyalsa.
     unsigned int periods = 0;
     snd_pcm_uframes_t buffer = 0;
     snd_pcm_hw_params_get_period_size(params.get(), &period_size, nullptr);
     snd_pcm_hw_params_get_periods(params.get(), &periods, nullptr);
     snd_pcm_hw_params_get_buffer_size(params.get(), &buffer);
-    config.period_size = static_cast<unsigned int>(period_size);
-    config.period_count = periods;
+    pcm.config.period_size = static_cast<unsigned int>(period_size);
+    pcm.config.period_count = periods;
     pcm.buffer_size = static_cast<unsigned int>(buffer);
     return 0;
 }
 
-int set_sw_params(pcm &pcm, pcm_config &config)
+// The software parameters, with tinyalsa's defaults for those left 0; the defaults stay in the
+// pcm's own copy of the configuration.
+int set_sw_params(pcm &pcm)
 {
+    pcm_config &config = pcm.config;
     const bool capture = (pcm.flags & PCM_IN) != 0;
-    const snd_pcm_uframes_t buffer = pcm.buffer_size;
+    const unsigned int buffer = pcm.buffer_size;
     if (config.start_threshold == 0)
-        config.start_threshold = capture ? 1 : static_cast<unsigned int>(buffer / 2);
+        config.start_threshold = capture ? 1 : buffer / 2;
     if (config.stop_threshold == 0)
-        config.stop_threshold = static_cast<unsigned int>(capture ? buffer * 10 : buffer);
+        config.stop_threshold = capture ? buffer * 10 : buffer;
     if (config.avail_min == 0)
         config.avail_min = (pcm.flags & PCM_MMAP) != 0 ? static_cast<int>(config.period_size) : 1;
 
@@ -150,19 +147,19 @@ int set_sw_params(pcm &pcm, pcm_config &config)
     if (int err = snd_pcm_sw_params_malloc(&raw); err < 0)
         return err;
     SwParamsPtr params(raw);
+    const tinyalsa::kernel::SwParams values{
+        .start_threshold = config.start_threshold,
+        .stop_threshold = config.stop_threshold,
+        // A negative avail_min reaches the kernel as tinyalsa's conversion makes it.
+        .avail_min = static_cast<unsigned long>(static_cast<long>(config.avail_min)),
+        .silence_threshold = config.silence_threshold,
+        .silence_size = config.silence_size,
+        .monotonic = (pcm.flags & PCM_MONOTONIC) != 0,
+    };
     int err = snd_pcm_sw_params_current(handle, params.get());
     if (err >= 0)
-        err = snd_pcm_sw_params_set_start_threshold(handle, params.get(), config.start_threshold);
-    if (err >= 0)
-        err = snd_pcm_sw_params_set_stop_threshold(handle, params.get(), config.stop_threshold);
-    if (err >= 0)
-        err = snd_pcm_sw_params_set_avail_min(handle, params.get(),
-                                              static_cast<snd_pcm_uframes_t>(config.avail_min));
-    if (err >= 0)
-        err =
-            snd_pcm_sw_params_set_silence_threshold(handle, params.get(), config.silence_threshold);
-    if (err >= 0)
-        err = snd_pcm_sw_params_set_silence_size(handle, params.get(), config.silence_size);
+        err = tinyalsa::kernel::fill_sw_params(params.get(), snd_pcm_sw_params_sizeof(), values,
+                                               buffer);
     if (err >= 0)
         err = snd_pcm_sw_params(handle, params.get());
     return err;
@@ -180,108 +177,59 @@ int prepare(pcm &pcm)
     return 0;
 }
 
-struct Range {
-    uint64_t min = 0;
-    uint64_t max = 0;
-};
+template <typename Void>
+using Mover = snd_pcm_sframes_t (*)(snd_pcm_t *, Void *, snd_pcm_uframes_t);
 
-template <typename Value>
-Range bounds(const snd_pcm_hw_params_t *space,
-             int (*get_min)(const snd_pcm_hw_params_t *, Value *, int *),
-             int (*get_max)(const snd_pcm_hw_params_t *, Value *, int *))
+// Moves `frames` frames at `data` with `move` (alsa-lib's readi or writei). Blocking, every frame
+// moves: after an underrun or overrun the stream is prepared again and the rest moved, unless
+// PCM_NORESTART asks for -EPIPE (the next call restarts it). Non-blocking, what fits moves, and
+// -EAGAIN when nothing does. The frames moved, or a negative errno.
+template <typename Void> int transfer(pcm &pcm, Void *data, unsigned int frames, Mover<Void> move)
 {
-    Value min{};
-    Value max{};
-    get_min(space, &min, nullptr);
-    get_max(space, &max, nullptr);
-    return {min, max};
-}
-
-template <typename Value>
-Range bounds(const snd_pcm_hw_params_t *space, int (*get_min)(const snd_pcm_hw_params_t *, Value *),
-             int (*get_max)(const snd_pcm_hw_params_t *, Value *))
-{
-    Value min{};
-    Value max{};
-    get_min(space, &min);
-    get_max(space, &max);
-    return {min, max};
-}
-
-// Bits per sample over every format the device still allows.
-Range sample_bits(const snd_pcm_hw_params_t *space)
-{
-    snd_pcm_format_mask_t *raw = nullptr;
-    if (snd_pcm_format_mask_malloc(&raw) < 0)
-        return {};
-    FormatMaskPtr mask(raw);
-    snd_pcm_hw_params_get_format_mask(const_cast<snd_pcm_hw_params_t *>(space), mask.get());
-    Range range{UINT64_MAX, 0};
-    for (int format = 0; format <= SND_PCM_FORMAT_LAST; ++format) {
-        const auto alsa_format = static_cast<snd_pcm_format_t>(format);
-        const int width = snd_pcm_format_physical_width(alsa_format);
-        if (width <= 0 || !snd_pcm_format_mask_test(mask.get(), alsa_format))
-            continue;
-        range.min = std::min<uint64_t>(range.min, static_cast<uint64_t>(width));
-        range.max = std::max<uint64_t>(range.max, static_cast<uint64_t>(width));
-    }
-    return range.max == 0 ? Range{} : range;
-}
-
-Range times(Range a, Range b)
-{
-    return {a.min * b.min, a.max * b.max};
-}
-
-Range bytes_of(Range frames, Range frame_bits)
-{
-    const Range bits = times(frames, frame_bits);
-    return {bits.min / 8, bits.max / 8};
-}
-
-Range range_of(const snd_pcm_hw_params_t *space, pcm_param param)
-{
-    const auto frame_bits = [space] {
-        return times(sample_bits(space), bounds(space, snd_pcm_hw_params_get_channels_min,
-                                                snd_pcm_hw_params_get_channels_max));
+    if (data == nullptr || frames > INT_MAX)
+        return -EINVAL;
+    snd_pcm_t *handle = pcm.handle.get();
+    const unsigned int frame_bytes = pcm_frames_to_bytes(&pcm, 1);
+    const bool restart = (pcm.flags & PCM_NORESTART) == 0;
+    // Reported once: the stream is prepared, so the next call starts it again.
+    const auto underrun = [&pcm, handle] {
+        snd_pcm_prepare(handle);
+        return pcm.fail("cannot read/write stream data", -EPIPE);
     };
-    switch (param) {
-    case PCM_PARAM_SAMPLE_BITS:
-        return sample_bits(space);
-    case PCM_PARAM_FRAME_BITS:
-        return frame_bits();
-    case PCM_PARAM_CHANNELS:
-        return bounds(space, snd_pcm_hw_params_get_channels_min,
-                      snd_pcm_hw_params_get_channels_max);
-    case PCM_PARAM_RATE:
-        return bounds(space, snd_pcm_hw_params_get_rate_min, snd_pcm_hw_params_get_rate_max);
-    case PCM_PARAM_PERIOD_TIME:
-        return bounds(space, snd_pcm_hw_params_get_period_time_min,
-                      snd_pcm_hw_params_get_period_time_max);
-    case PCM_PARAM_PERIOD_SIZE:
-        return bounds(space, snd_pcm_hw_params_get_period_size_min,
-                      snd_pcm_hw_params_get_period_size_max);
-    case PCM_PARAM_PERIOD_BYTES:
-        return bytes_of(range_of(space, PCM_PARAM_PERIOD_SIZE), frame_bits());
-    case PCM_PARAM_PERIODS:
-        return bounds(space, snd_pcm_hw_params_get_periods_min, snd_pcm_hw_params_get_periods_max);
-    case PCM_PARAM_BUFFER_TIME:
-        return bounds(space, snd_pcm_hw_params_get_buffer_time_min,
-                      snd_pcm_hw_params_get_buffer_time_max);
-    case PCM_PARAM_BUFFER_SIZE:
-        return bounds(space, snd_pcm_hw_params_get_buffer_size_min,
-                      snd_pcm_hw_params_get_buffer_size_max);
-    case PCM_PARAM_BUFFER_BYTES:
-        return bytes_of(range_of(space, PCM_PARAM_BUFFER_SIZE), frame_bits());
-    default:
-        // Masks (access, format, subformat) and the obsolete tick time have no interval.
-        return {};
+    unsigned int done = 0;
+    while (done < frames) {
+        if (!restart && snd_pcm_state(handle) == SND_PCM_STATE_XRUN)
+            return underrun();
+        if (int err = prepare(pcm); err < 0)
+            return err;
+        auto *at = static_cast<std::conditional_t<std::is_const_v<Void>, const char, char> *>(data);
+        const snd_pcm_sframes_t moved =
+            move(handle, at + size_t{done} * frame_bytes, frames - done);
+        if (moved == -EPIPE && !restart)
+            return underrun();
+        if (moved == -EAGAIN && (pcm.flags & PCM_NONBLOCK) != 0)
+            return done > 0 ? static_cast<int>(done) : -EAGAIN;
+        if (moved == -EPIPE || moved == -EINTR || moved == -EAGAIN)
+            continue; // prepared again above, and the rest retried
+        if (moved == -ESTRPIPE) {
+            if (snd_pcm_resume(handle) < 0)
+                snd_pcm_prepare(handle);
+            continue;
+        }
+        if (moved < 0)
+            return pcm.fail("cannot read/write stream data", static_cast<int>(moved));
+        done += static_cast<unsigned int>(moved);
     }
+    return static_cast<int>(done);
 }
 
-unsigned int clamp(uint64_t value)
+// What pcm_write and pcm_read answer for `moved` of `frames` frames: 0 when all of them moved,
+// -EIO when only some did.
+int whole(int moved, unsigned int frames)
 {
-    return value > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(value);
+    if (moved < 0)
+        return moved;
+    return static_cast<unsigned int>(moved) == frames ? 0 : -EIO;
 }
 
 } // namespace
@@ -297,25 +245,29 @@ struct pcm *pcm_open(unsigned int card, unsigned int device, unsigned int flags,
     const tinyalsa::QuietAlsa quiet;
     snd_pcm_t *raw = nullptr;
     // As tinyalsa opens the device node: without blocking, so that a device in use fails at once
-    // with EBUSY, and blocking again for the transfers.
+    // with EBUSY, and blocking again for the transfers unless PCM_NONBLOCK asks otherwise.
     if (int err = snd_pcm_open(&raw, name.c_str(), stream_of(flags), SND_PCM_NONBLOCK); err < 0)
         return bad_pcm("cannot open device", name, err);
     PcmPtr handle(raw);
-    if (int err = snd_pcm_nonblock(handle.get(), 0); err < 0)
-        return bad_pcm("cannot open device", name, err);
+    if ((flags & PCM_NONBLOCK) == 0) {
+        if (int err = snd_pcm_nonblock(handle.get(), 0); err < 0)
+            return bad_pcm("cannot open device", name, err);
+    }
 
     auto *result = new pcm{std::move(handle), flags, *config, 0, {}};
-    int err = set_hw_params(*result, result->config);
+    int err = set_hw_params(*result);
     if (err < 0) {
         delete result;
         return bad_pcm("cannot set hw params of device", name, err);
     }
-    err = set_sw_params(*result, result->config);
+    // The caller learns the period layout the device took, and nothing else.
+    config->period_size = result->config.period_size;
+    config->period_count = result->config.period_count;
+    err = set_sw_params(*result);
     if (err < 0) {
         delete result;
         return bad_pcm("cannot set sw params of device", name, err);
     }
-    *config = result->config;
     return result;
 }
 
@@ -337,6 +289,23 @@ const char *pcm_get_error(struct pcm *pcm)
     return pcm == nullptr ? "" : pcm->error.c_str();
 }
 
+unsigned int pcm_format_to_bits(enum pcm_format format)
+{
+    switch (format) {
+    case PCM_FORMAT_S32_LE:
+    case PCM_FORMAT_S24_LE: // 24 bits in a 4-byte container
+        return 32;
+    case PCM_FORMAT_S24_3LE:
+        return 24;
+    case PCM_FORMAT_S16_LE:
+        return 16;
+    case PCM_FORMAT_S8:
+        return 8;
+    default:
+        return 0;
+    }
+}
+
 unsigned int pcm_get_buffer_size(struct pcm *pcm)
 {
     return is_bad(pcm) ? 0 : pcm->buffer_size;
@@ -346,36 +315,74 @@ unsigned int pcm_frames_to_bytes(struct pcm *pcm, unsigned int frames)
 {
     if (is_bad(pcm))
         return 0;
-    return frames * pcm->config.channels * formats[pcm->config.format].bits / 8;
+    return frames * pcm->config.channels * pcm_format_to_bits(pcm->config.format) / 8;
+}
+
+unsigned int pcm_bytes_to_frames(struct pcm *pcm, unsigned int bytes)
+{
+    const unsigned int frame_bytes = pcm_frames_to_bytes(pcm, 1);
+    return frame_bytes == 0 ? 0 : bytes / frame_bytes;
+}
+
+int pcm_get_htimestamp(struct pcm *pcm, unsigned int *avail, struct timespec *tstamp)
+{
+    if (is_bad(pcm) || avail == nullptr || tstamp == nullptr)
+        return -1;
+    snd_pcm_status_t *raw = nullptr;
+    if (snd_pcm_status_malloc(&raw) < 0)
+        return -1;
+    StatusPtr status(raw);
+    if (snd_pcm_status(pcm->handle.get(), status.get()) < 0)
+        return -1;
+    // Only a stream that moves has a position worth a time.
+    const snd_pcm_state_t state = snd_pcm_status_get_state(status.get());
+    if (state != SND_PCM_STATE_RUNNING && state != SND_PCM_STATE_DRAINING)
+        return -1;
+    snd_htimestamp_t when{};
+    snd_pcm_status_get_htstamp(status.get(), &when);
+    if (when.tv_sec == 0 && when.tv_nsec == 0)
+        return -1;
+    *tstamp = when;
+    *avail = static_cast<unsigned int>(snd_pcm_status_get_avail(status.get()));
+    return 0;
+}
+
+int pcm_writei(struct pcm *pcm, const void *data, unsigned int frame_count)
+{
+    if (is_bad(pcm))
+        return -EBADF;
+    if ((pcm->flags & PCM_IN) != 0)
+        return -EINVAL;
+    return transfer<const void>(*pcm, data, frame_count,
+                                (pcm->flags & PCM_MMAP) != 0 ? snd_pcm_mmap_writei
+                                                             : snd_pcm_writei);
+}
+
+int pcm_readi(struct pcm *pcm, void *data, unsigned int frame_count)
+{
+    if (is_bad(pcm))
+        return -EBADF;
+    if ((pcm->flags & PCM_IN) == 0)
+        return -EINVAL;
+    return transfer<void>(*pcm, data, frame_count,
+                          (pcm->flags & PCM_MMAP) != 0 ? snd_pcm_mmap_readi : snd_pcm_readi);
 }
 
 int pcm_write(struct pcm *pcm, const void *data, unsigned int count)
 {
-    if (is_bad(pcm) || (pcm->flags & PCM_IN) != 0 || data == nullptr)
-        return -EINVAL;
-    snd_pcm_t *handle = pcm->handle.get();
-    const unsigned int frame_bytes = pcm_frames_to_bytes(pcm, 1);
-    const auto *bytes = static_cast<const unsigned char *>(data);
-    snd_pcm_uframes_t left = count / frame_bytes;
-    while (left > 0) {
-        if (int err = prepare(*pcm); err < 0)
-            return err;
-        const snd_pcm_sframes_t written = (pcm->flags & PCM_MMAP) != 0
-                                              ? snd_pcm_mmap_writei(handle, bytes, left)
-                                              : snd_pcm_writei(handle, bytes, left);
-        if (written == -EPIPE || written == -EINTR || written == -EAGAIN)
-            continue; // underrun: the stream is prepared again above and the rest retried
-        if (written == -ESTRPIPE) {
-            if (snd_pcm_resume(handle) < 0)
-                snd_pcm_prepare(handle);
-            continue;
-        }
-        if (written < 0)
-            return pcm->fail("cannot write stream data", static_cast<int>(written));
-        bytes += static_cast<snd_pcm_uframes_t>(written) * frame_bytes;
-        left -= static_cast<snd_pcm_uframes_t>(written);
-    }
-    return 0;
+    const unsigned int frames = pcm_bytes_to_frames(pcm, count);
+    return whole(pcm_writei(pcm, data, frames), frames);
+}
+
+int pcm_read(struct pcm *pcm, void *data, unsigned int count)
+{
+    const unsigned int frames = pcm_bytes_to_frames(pcm, count);
+    return whole(pcm_readi(pcm, data, frames), frames);
+}
+
+int pcm_prepare(struct pcm *pcm)
+{
+    return is_bad(pcm) ? -EBADF : prepare(*pcm);
 }
 
 int pcm_start(struct pcm *pcm)
@@ -414,22 +421,16 @@ struct pcm_params *pcm_params_get(unsigned int card, unsigned int device, unsign
     HwParamsPtr space(raw_space);
     if (snd_pcm_hw_params_any(handle.get(), space.get()) < 0)
         return nullptr;
-    return new pcm_params{std::move(space)};
+    return tinyalsa::kernel::new_params(space.get(), snd_pcm_hw_params_sizeof());
 }
 
-void pcm_params_free(struct pcm_params *pcm_params)
+int pcm_params_format_test(struct pcm_params *params, enum pcm_format format)
 {
-    delete pcm_params;
-}
-
-unsigned int pcm_params_get_min(struct pcm_params *pcm_params, enum pcm_param param)
-{
-    return pcm_params == nullptr ? 0 : clamp(range_of(pcm_params->space.get(), param).min);
-}
-
-unsigned int pcm_params_get_max(struct pcm_params *pcm_params, enum pcm_param param)
-{
-    return pcm_params == nullptr ? 0 : clamp(range_of(pcm_params->space.get(), param).max);
+    const pcm_mask *mask = pcm_params_get_mask(params, PCM_PARAM_FORMAT);
+    return mask != nullptr && valid_format(format) &&
+                   tinyalsa::kernel::mask_has(*mask, static_cast<unsigned int>(formats[format]))
+               ? 1
+               : 0;
 }
 
 } // extern "C"
