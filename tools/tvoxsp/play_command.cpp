@@ -1,8 +1,12 @@
 // tvoxsp play: the library's WAV player, its graph playback and the engineering loop file.
 #include "command.h"
+#include "stream_tap.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace tvoxsp
@@ -21,26 +25,30 @@ int play(Args args)
     struct tervox &ctx = session.context();
     if (!files.empty())
         ctx.silent_wav_path = files[0];
-    if (graph) {
+    int32_t result = 0;
+    std::string printed;
+    {
+        StreamTap out(1);
+        StreamTap errors(2);
         // Graph playback stops at Ctrl-C by itself.
-        if (tervox_agmplay(&ctx) == 0)
-            return 0;
-        std::fprintf(stderr, "tvoxsp: %s was not played through the graph of %s\n",
-                     ctx.silent_wav_path, ctx.backend_name ? ctx.backend_name : "no back-end");
+        result = graph           ? tervox_agmplay(&ctx)
+                 : files.empty() ? tervox_tplay_test()
+                                 : tervox_tplay(&ctx);
+        printed = out.text() + errors.text();
+    }
+    if (!graph && files.empty() && result == kNoMixer) {
+        std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
         return kFailed;
     }
-    if (files.empty()) {
-        const int32_t result = tervox_tplay_test();
-        if (result == 0)
-            return 0;
-        std::fprintf(stderr, "tvoxsp: %s\n",
-                     result == kNoMixer ? "card 0's mixer does not open"
-                                        : "the loop file was not played");
-        return kFailed;
-    }
-    if (tervox_tplay(&ctx) == 0)
+    const std::optional<std::string> step = player_failure(printed);
+    // The WAV player names the format it plays; it says nothing when it plays nothing.
+    const bool played = graph || printed.find("Playing sample:") != std::string::npos;
+    if (result == 0 && !step && played)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s was not played\n", ctx.silent_wav_path);
+    std::fprintf(stderr, "tvoxsp: %s was not played%s%s%s%s\n", ctx.silent_wav_path,
+                 graph ? " through the graph of " : "",
+                 graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
+                 step ? ": " : "", step ? step->c_str() : "");
     return kFailed;
 }
 
