@@ -316,13 +316,13 @@ int report(Args args)
     if (f0)
         std::printf("(the F0 file holds the CAL_R words the diagnostic measured, not Hz)\n");
     const std::optional<std::string> bytes = stored_bytes(ctx.cal_bin_path);
-    if (!calibrated || !bytes) {
-        std::fprintf(stderr, "tvoxsp: no stored calibration in %s\n", ctx.cal_bin_path);
-        return kFailed;
-    }
-    if (bytes->size() != count * sizeof(uint32_t)) {
+    if (bytes && bytes->size() != count * sizeof(uint32_t)) {
         std::printf("%s holds %zu bytes, not %zu: it is no calibration file\n", ctx.cal_bin_path,
                     bytes->size(), count * sizeof(uint32_t));
+        return kFailed;
+    }
+    if (!calibrated || !bytes) {
+        std::fprintf(stderr, "tvoxsp: no stored calibration in %s\n", ctx.cal_bin_path);
         return kFailed;
     }
     if (bytes->find_first_not_of('\0') == std::string::npos) {

@@ -2,6 +2,8 @@
 #include "command.h"
 #include "stream_tap.h"
 
+#include <tinyalsa/asoundlib.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -14,6 +16,22 @@ namespace tvoxsp
 
 namespace
 {
+
+// The WAV player does not say why its device did not open: asks tinyalsa the same way.
+std::string why_pcm_is_closed(unsigned int card, unsigned int device)
+{
+    struct pcm_config config = {};
+    config.channels = 2;
+    config.rate = 48000;
+    config.period_size = 1024;
+    config.period_count = 4;
+    config.format = PCM_FORMAT_S16_LE;
+    struct pcm *pcm = pcm_open(card, device, PCM_OUT, &config);
+    const std::string why = pcm != nullptr && !pcm_is_ready(pcm) ? pcm_get_error(pcm) : "";
+    if (pcm != nullptr)
+        pcm_close(pcm);
+    return why.empty() ? "" : " (" + why + ")";
+}
 
 int play(Args args)
 {
@@ -40,7 +58,9 @@ int play(Args args)
         std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
         return kFailed;
     }
-    const std::optional<std::string> step = player_failure(printed);
+    std::optional<std::string> step = player_failure(printed);
+    if (step && step->starts_with("Unable to open PCM device"))
+        *step += why_pcm_is_closed(graph ? ctx.play_card : 0, graph ? ctx.play_device : 0);
     // The WAV player names the format it plays; it says nothing when it plays nothing.
     const bool played = graph || printed.find("Playing sample:") != std::string::npos;
     if (result == 0 && !step && played)

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tvoxsp
@@ -94,6 +95,12 @@ int rtlog(Args args)
     Session session;
     StreamTap out(1);
     const int32_t result = tervox_prot_rtlog(parsed->first);
+    // A log that ends "Failed" keeps its sample buffers in the context; teardown does not
+    // release them.
+    for (tervox_rtlog_channel &channel : session.context().rtlog) {
+        std::free(std::exchange(channel.data, nullptr));
+        std::free(std::exchange(channel.line, nullptr));
+    }
     if (result == 1 && !card0_opens())
         return kFailed;
     if (result == 0 && !out.saw("rtlog exit - Failed"))
