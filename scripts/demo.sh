@@ -13,9 +13,10 @@ tvoxsp=build/tools/tvoxsp/tvoxsp
 "$tvoxsim" init --force "$sim"
 "$tvoxsim" run --dir "$sim" -- "$tvoxsim" speakers
 echo
-# The library logs to the Android log; on a host liblog writes it to standard error.
+# The library logs to the Android log; the tool appends its lines to TVOXSP_LOG_FILE.
 log=$sim/tvoxsp-calibrate.log
-if ! "$tvoxsim" run --dir "$sim" -- "$tvoxsp" calibrate 2>"$log"; then
+rm -f "$log"
+if ! TVOXSP_LOG_FILE=$log "$tvoxsim" run --dir "$sim" -- "$tvoxsp" calibrate; then
   cat "$log" >&2
   exit 1
 fi

@@ -136,12 +136,17 @@ TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
 {
     write_file(persist_ / "tvox_calr.bin", words_bytes({8392, 7692}));
     const auto report = tvoxsp("report");
-    EXPECT_EQ(report.status, 0);
     // "T DSP Set CAL_R" holds 8391: as a plain integer for the kernel column, and read as a
-    // big-endian DSP word (bytes C7 20 00 00) for the DSP column.
+    // big-endian DSP word (bytes C7 20 00 00) for the DSP column. The stored values are not
+    // those in use.
+    EXPECT_EQ(report.status, 1);
     EXPECT_EQ(report.output, "'CHANNEL'     'FS'     'AMP DSP'  'KERNEL'\n"
                              "CH[0]: 6.00( 8392) - -14680064 -     8391\n"
-                             "CH[1]: 5.50( 7692) - -14680064 -     8391\n");
+                             "CH[1]: 5.50( 7692) - -14680064 -     8391\n"
+                             "CH[0] T: stored CAL_R 8392 (6.00 ohm) differs from the one in use, "
+                             "8391 (6.00 ohm)\n"
+                             "CH[1] B: stored CAL_R 7692 (5.50 ohm) differs from the one in use, "
+                             "8391 (6.00 ohm)\n");
     EXPECT_EQ(tvoxsp("--help >/dev/null").status, 0);
     for (const char *bad : {"", "calibrate now", "no-such-command", "report --f1"})
         EXPECT_EQ(tvoxsp(bad).status, 2) << bad;
@@ -156,7 +161,9 @@ TEST_F(CalibrationE2eTest, ToolReadsBackWhatWasStoredAndFailsWhenStoringFailed)
     // The library's own result is success: the tool finds the previous file and says so.
     const auto full = tvoxsp("calibrate");
     EXPECT_EQ(full.status, 1);
-    EXPECT_NE(full.output.find("calibration success\n"), std::string::npos) << full.output;
+    EXPECT_EQ(full.output.find("calibration success"), std::string::npos) << full.output;
+    EXPECT_NE(full.output.find("calibration failed: storing failed\n"), std::string::npos)
+        << full.output;
     EXPECT_NE(full.output.find("storing failed: CH[0] T measured CAL_R 8672, "
                                "/mnt/vendor/persist/audio/tvox_calr.bin holds 7000\n"),
               std::string::npos)
@@ -183,9 +190,11 @@ TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
     const auto calibration = tvoxsp("calibrate");
     EXPECT_EQ(calibration.status, 1);
     // After the library's report (its playback prints the back end's format first).
-    const std::string failures = "calibration failed\n"
-                                 "CH[0] T failed: CAL_R 140 out of range [8000 - 12000]\n"
-                                 "CH[1] B failed: calibration status 4, CAL_R 7692\n";
+    const std::string failures =
+        "CH[0] T failed: CAL_R 140 (0.10 ohm) out of range [8000 - 12000] (5.72 - 8.58 ohm)\n"
+        "CH[1] B failed: calibration status 4, CAL_R 7692 (5.50 ohm)\n"
+        "calibration failed: the measurement is out of bounds\n"
+        "both amplifiers are off\n";
     EXPECT_TRUE(calibration.output.ends_with(failures)) << calibration.output;
     set_speaker_raw(0, 8672);
     set_speaker_raw(1, 7692, SpeakerFault::f0_failure);
@@ -198,20 +207,25 @@ TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
 }
 
 // Two calibrations started at once in one simulator, as two processes on a phone: the second
-// cannot open the calibration's PCM while the first plays on it, and says so at once; the DSPs
-// still measure during the first one's silence.
+// (past the refusal an active amplifier gives) cannot open the calibration's PCM while the first
+// plays on it, says so at once and fails; the first one succeeds.
 TEST_F(CalibrationE2eTest, TwoToolsAtOnceShareTheDeviceAsOnAPhone)
 {
     const std::string first = sim_dir() + "/first", second = sim_dir() + "/second";
-    const auto both = run_command("{ " TVOXSP_TOOL_PATH " calibrate >" + first +
-                                  " 2>/dev/null & sleep 0.5; " TVOXSP_TOOL_PATH " calibrate >" +
-                                  second + " 2>/dev/null; s=$?; wait $! && exit $s; }");
-    EXPECT_EQ(both.status, 0) << both.output;
+    const auto both =
+        run_command("{ " TVOXSP_TOOL_PATH " calibrate >" + first +
+                    " 2>/dev/null & sleep 0.5; " TVOXSP_TOOL_PATH " calibrate --force >" + second +
+                    " 2>/dev/null; s=$?; wait $! && exit $s; }");
+    EXPECT_EQ(both.status, 1) << both.output;
     const std::string busy = "Unable to open PCM device 100 (cannot open device 'tvoxsim:100,100': "
                              "Device or resource busy)\n";
     EXPECT_EQ(read_file(first).find(busy), std::string::npos) << read_file(first);
     EXPECT_NE(read_file(second).find(busy), std::string::npos) << read_file(second);
-    EXPECT_TRUE(read_file(second).ends_with("calibration success\n"));
+    EXPECT_TRUE(read_file(second).ends_with(
+        "calibration failed: the silent playback failed: " + busy.substr(0, busy.size() - 1) +
+        "\nboth amplifiers are off\n"))
+        << read_file(second);
+    EXPECT_TRUE(read_file(first).ends_with("calibration success\nboth amplifiers are off\n"));
     EXPECT_EQ(state().lock().stream(100, 100, false)->starts, 1u);
 }
 

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -58,7 +60,7 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
         int status;
         std::string message;
     } cases[] = {
-        {"", 2, "usage: tvoxsp <command>"},
+        {"", 2, "usage: tvoxsp [-v] <command>"},
         {"frobnicate", 2, "unknown command 'frobnicate'"},
         {"get", 2, "usage: tvoxsp get [--dsp] CONTROL"},
         {"set 'T DSP Mode'", 2, "usage: tvoxsp set CONTROL VALUE..."},
@@ -93,6 +95,287 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
     // The refused values changed nothing.
     EXPECT_EQ(int_values(0, "T DSP Mode"), std::vector<long>{1});
     EXPECT_EQ(enum_item(0, "T PCM Source"), "ASPRX1");
+}
+
+// What a row of the failure table leaves: the driver's view, the control journal and the
+// persist folder, compared before and after wherever nothing may change.
+struct Snapshot {
+    std::string driver;
+    std::vector<std::string> journal;
+    std::string persist;
+    bool operator==(const Snapshot &) const = default;
+};
+
+class TvoxspFailureTest : public TvoxspToolTest
+{
+  public:
+    using SimTest::preset_ints;
+    using SimTest::record_stream;
+    using SimTest::set_speaker;
+
+  protected:
+    Snapshot snapshot()
+    {
+        // Failed requests leave their lines in the journal: only control writes count here.
+        std::vector<std::string> writes;
+        for (const std::string &line : journal_lines()) {
+            if (line.starts_with("ctl "))
+                writes.push_back(line);
+        }
+        return {tool("driver config").output, writes,
+                run_command("cat " + phone("/mnt/vendor/persist/audio/") + "* 2>/dev/null").output};
+    }
+    static std::string wav(uint16_t bits)
+    {
+        const auto u32 = [](uint32_t v) { return std::string(reinterpret_cast<char *>(&v), 4); };
+        const auto u16 = [](uint16_t v) { return std::string(reinterpret_cast<char *>(&v), 2); };
+        const uint16_t frame = static_cast<uint16_t>(2 * bits / 8);
+        return "RIFF" + u32(36 + 4800) + "WAVEfmt " + u32(16) + u16(1) + u16(2) + u32(48000) +
+               u32(48000u * frame) + u16(frame) + u16(bits) + "data" + u32(4800) +
+               std::string(4800, '\0');
+    }
+};
+
+const std::string kBlock = "5,100,200,300,4292077319\n";
+const std::string kRight = "QORA_CONFIG_RX_RIGHT 3,7,1987764275\n";
+
+// Every failure exits non-zero and names its cause; a refused command changes nothing.
+TEST_F(TvoxspFailureTest, FailuresExitNonZeroNamingTheCause)
+{
+    std::string hundred_and_one;
+    for (int i = 0; i < 101; ++i)
+        hundred_and_one += kBlock;
+    const std::string rx = "QORA_CONFIG_RX_LEFT " + kBlock + kRight;
+    const std::string file = folder_file("file", "");
+    const std::string no_card0 = "TINYALSA_CARD_0=tvoxsp_test_no_card ";
+    const struct {
+        std::string fault;    // tvoxsim arguments, or empty
+        std::string contents; // of `file`
+        std::string command;  // tvoxsp arguments; FILE is `file`
+        int status;
+        std::string message;
+        bool unchanged; // the driver, the controls and the persist folder stay as they were
+    } cases[] = {
+        {"driver fault absent", kBlock, "tuning delta FILE", 1,
+         "cannot open /dev/msm_tervox_playback: No such file or directory", true},
+        {"driver fault absent", "", "module on", 1, "cannot open /dev/msm_tervox_playback", true},
+        {"driver fault ioctl set", "", "module off", 1,
+         "1 of 1 requests to /dev/msm_tervox_playback failed: EIO", true},
+        {"driver fault chunk 1 --errno 5", kBlock, "tuning params FILE", 1,
+         "1 of 1 requests to /dev/msm_tervox_playback failed: EIO (Input/output error)", true},
+        {"driver fault chunk 1 --errno 5", rx, "tuning load FILE", 1, "failed: EIO", true},
+        {"", kBlock, "tuning load FILE", 1, "line 1: no QORA_CONFIG_RX_LEFT line", true},
+        {"", kRight + "QORA_CONFIG_RX_LEFT " + kBlock, "tuning load FILE", 1,
+         "no QORA_CONFIG_RX_LEFT line: the module would get an empty", true},
+        {"", "QORA_CONFIG_RX_LEFT " + kBlock, "tuning load FILE", 1,
+         "line 2: no QORA_CONFIG_RX_RIGHT line", true},
+        {"", "", "tuning load FILE", 1, "empty receive configuration", true},
+        {"", "", "tuning delta FILE", 1, "no block: the module would get an empty configuration",
+         true},
+        {"", "", "tuning load --force " + sim_dir(), 1, " is a directory, not a tuning file", true},
+        {"", "", "tuning check " + sim_dir(), 1, " is a directory", true},
+        {"", "", "tuning seal " + sim_dir(), 1, " is a directory", true},
+        {"", hundred_and_one, "tuning delta --force FILE", 1,
+         "line 101: more than 100 lines: the library would end the process", true},
+        {"", rx + "\n", "tuning load --force FILE", 1,
+         "line 3: a line after the two receive blocks", true},
+        {"", "2147483647,1,2\n", "tuning params --force FILE", 1, "line 1: the size word overflows",
+         true},
+        {"", "5,100,200,300,1\n", "tuning delta --force FILE", 1,
+         "line 1: CRC stored 0x00000001, computed 0xFFD3E707", true},
+        {"", "5,100,200,300,4292077319,9\n", "tuning delta FILE", 1,
+         "--force sends a file whose faults are cosmetic", true},
+        {"", "", "tuning load /nonexistent", 1, "cannot open /nonexistent: No such file", true},
+        {"", "0x64,1,2\n", "tuning seal FILE", 1, "line 1: '0x64' is not a decimal integer", true},
+        {"", "3,abc,0\n", "tuning seal FILE", 1, "'abc' is not a decimal integer", true},
+        {"", "3,1,0\n\n", "tuning seal FILE", 1, "line 2: '' is not a decimal integer", true},
+        {"", "# notes\n", "tuning seal FILE", 1, "line 1: '# notes' is not a decimal", true},
+        {"", "5 100,200,0\n", "tuning seal FILE", 1, "'5 100' is not a decimal integer", true},
+        {"control refuse 'T PCM Source'", "", "bypass on", 1, "a control refused the write", false},
+        {"control refuse 'T PCM Source'", "", "bypass T off", 1, "a control refused", false},
+        {"control refuse 'Tervox SP Channel Swap'", "", "module swap on", 1,
+         "the module's channel swap was not set: a control refused", true},
+        {"control refuse 'Tervox SP Channel Swap'", "", "swap on", 1,
+         "the channels were not swapped", true},
+        {"control refuse 'Tervox SP Channel Swap'", "", "module config 1", 1,
+         "the configuration type was not selected", true},
+        {"control refuse 'B DSP1 Protection 5f210 CH_BAL'", "", "swap --dsp on", 1,
+         "the DSPs' channel balance was not set", false},
+        {"", "", "module config 2", 2, "configuration type 2: the types are 0 and 1", true},
+        {"control remove 'T AMP WR Registers'", "", "reg read 0x2020", 1,
+         "the register control refused the request: the values shown were not read", false},
+        {"control remove 'B AMP WR Registers'", "", "reg write 0x2020 8", 1,
+         "reg write: the register control refused", false},
+        {"control remove 'T DSP1 Protection cd RTLOG_COUNT'", "", "rtlog --interval 10", 1,
+         "the live log failed: a control of the live log refused", false},
+        {"", wav(8), "play FILE", 1, "was not played: Bitrate is 8 bits", true},
+        {"", wav(16), no_card0 + "play FILE", 1, "was not played: Unable to open PCM device", true},
+        // Control 22, as the library reads the number: the value fits what is read.
+        {"", "", "get 022", 0, "022 = ", true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.fault + " / " + c.command);
+        folder_file("file", c.contents);
+        ASSERT_EQ(tool("control restore").status, 0);
+        ASSERT_EQ(tool("driver fault none").status, 0);
+        if (!c.fault.empty()) {
+            ASSERT_EQ(tool(c.fault).status, 0);
+        }
+        std::string command = c.command;
+        if (const size_t at = command.find("FILE"); at != std::string::npos)
+            command.replace(at, 4, file);
+        // A leading VARIABLE=VALUE is the environment of the tool's process.
+        const size_t space = command.find(' ');
+        if (command.find('=') < space)
+            command.insert(space, " " TVOXSP_TOOL_PATH);
+        const Snapshot before = snapshot();
+        const CommandResult result =
+            command.find('=') < space ? run_command(command) : tvoxsp(command);
+        EXPECT_EQ(result.status, c.status) << result.output;
+        EXPECT_TRUE(contains(result.output, c.message)) << result.output;
+        EXPECT_FALSE(contains(result.output, "AddressSanitizer")) << result.output;
+        if (c.unchanged) {
+            EXPECT_EQ(snapshot(), before);
+        }
+    }
+}
+
+// "calibration success" only when the measurement passed, was stored and is what the DSPs use.
+TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
+{
+    const std::string stored = phone("/mnt/vendor/persist/audio/tvox_calr.bin");
+    const struct {
+        std::string fault;
+        std::function<void(TvoxspFailureTest &)> arrange;
+        std::string command;
+        std::string message;
+        bool stored; // tvox_calr.bin written
+    } cases[] = {
+        {"control refuse 'B DSP Set CAL_R'",
+         {},
+         "calibrate",
+         "applying failed: CH[1] B measured CAL_R 8392 (6.00 ohm), the DSP uses 8391 (6.00 ohm)",
+         true},
+        {"", [](TvoxspFailureTest &t) { t.set_speaker(1, 6.0, tvox::sim::SpeakerFault::open); },
+         "calibrate", "CAL_R 16777215 (open circuit) out of range", false},
+        {"",
+         [](TvoxspFailureTest &t) { t.set_speaker(0, 6.0, tvox::sim::SpeakerFault::f0_failure); },
+         "diagnose", "diagnostic failed", false},
+        {"", [](TvoxspFailureTest &t) { t.preset_ints(0, "B AMP Active Status", {1}); },
+         "calibrate", "an amplifier is active (AMP Active Status)", false},
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "calibrate",
+         "calibration failed: the silent playback failed: Unable to open PCM device 100", false},
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "play --graph",
+         "Device or resource busy", false},
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 0, 0); },
+         "play " + phone("/sdcard/Music/lrp_loop.wav"), "Device or resource busy", false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.command + " " + c.fault);
+        std::filesystem::remove(stored);
+        set_speaker(0, 6.0);
+        set_speaker(1, 6.0);
+        preset_ints(0, "B AMP Active Status", {0});
+        ASSERT_EQ(tool("control restore").status, 0);
+        if (!c.fault.empty()) {
+            ASSERT_EQ(tool(c.fault).status, 0);
+        }
+        if (c.arrange)
+            c.arrange(*this);
+        const CommandResult result = tvoxsp(c.command);
+        EXPECT_EQ(result.status, 1) << result.output;
+        EXPECT_TRUE(contains(result.output, c.message)) << result.output;
+        EXPECT_FALSE(contains(result.output, "success")) << result.output;
+        EXPECT_EQ(std::filesystem::exists(stored), c.stored);
+        for (const char *amp : {"T AMP Enable Switch", "B AMP Enable Switch"})
+            EXPECT_EQ(int_values(0, amp), std::vector<long>{0}) << amp;
+    }
+}
+
+// Ctrl-C ends a calibration at once, stores nothing and leaves both amplifiers off.
+TEST_F(TvoxspFailureTest, CtrlCEndsACalibration)
+{
+    const CommandResult result =
+        run_command(TVOXSP_TOOL_PATH " calibrate & sleep 1; kill -INT $!; wait $!");
+    EXPECT_EQ(result.status, 1) << result.output;
+    EXPECT_TRUE(contains(result.output, "calibration interrupted: nothing was stored; both "
+                                        "amplifiers are off"))
+        << result.output;
+    EXPECT_FALSE(std::filesystem::exists(phone("/mnt/vendor/persist/audio/tvox_calr.bin")));
+    for (const char *amp : {"T AMP Enable Switch", "B AMP Enable Switch"})
+        EXPECT_EQ(int_values(0, amp), std::vector<long>{0}) << amp;
+}
+
+// The report marks what is stored but not in use, and stored files that hold no calibration.
+TEST_F(TvoxspFailureTest, ReportMarksStoredValuesThatAreNotInUse)
+{
+    const auto words = [](std::vector<uint32_t> values) {
+        return std::string(reinterpret_cast<const char *>(values.data()), values.size() * 4);
+    };
+    const struct {
+        std::string file;
+        int status;
+        std::string message;
+    } cases[] = {
+        {words({8391, 8391}), 0, "CH[1]: 6.00( 8391) - "},
+        {words({8391, 9000}), 1,
+         "CH[1] B: stored CAL_R 9000 (6.43 ohm) differs from the one in use, 8391 (6.00 ohm)"},
+        {words({0, 0}), 1, "holds zeros: no speaker was calibrated"},
+        {"ab", 1, "holds 2 bytes, not 8: it is no calibration file"},
+    };
+    const std::string path = phone("/mnt/vendor/persist/audio/tvox_calr.bin");
+    for (const auto &c : cases) {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << c.file;
+        const CommandResult result = tvoxsp("report");
+        EXPECT_EQ(result.status, c.status) << result.output;
+        EXPECT_TRUE(contains(result.output, c.message)) << result.output;
+    }
+    EXPECT_TRUE(contains(tvoxsp("report --f0").output, "CAL_R words the diagnostic measured"));
+}
+
+// The library's log reaches the terminal only with -v, and the simulator's log file always.
+TEST_F(TvoxspFailureTest, TheLibraryLogGoesWhereItIsAsked)
+{
+    const std::string log = sim_dir() + "/tvoxsp.log";
+    EXPECT_FALSE(contains(tvoxsp("report").output, "AHAL"));
+    EXPECT_TRUE(contains(tvoxsp("-v report").output, "AHAL:TERVOX"));
+    EXPECT_FALSE(contains(
+        run_command("ANDROID_LOG_TAGS='*:s' " TVOXSP_TOOL_PATH " -v report").output, "AHAL"));
+    ASSERT_EQ(run_command("TVOXSP_LOG_FILE=" + log + " " TVOXSP_TOOL_PATH " report").status, 1);
+    std::ifstream in(log);
+    std::string header;
+    ASSERT_TRUE(std::getline(in, header));
+    EXPECT_TRUE(header.starts_with("== tvoxsp report (pid ")) << header;
+    std::string first;
+    ASSERT_TRUE(std::getline(in, first));
+    EXPECT_TRUE(first.starts_with("I AHAL:TERVOX: ") || first.starts_with("D AHAL:TERVOX: ") ||
+                first.starts_with("E AHAL:TERVOX: "))
+        << first;
+}
+
+// Labels of a live log file never reach gnuplot as code.
+TEST_F(TvoxspToolTest, HostileLogLabelsStayText)
+{
+    const std::string pwned = sim_dir() + "/PWNED";
+    const std::string columns = " 1.00, 1.00, 0.1000, 0.1000, 100, 100, Y ";
+    // One word each, as the log writes a label; the shell runs what gnuplot's system() gets.
+    const std::string labels[] = {
+        "x';system(\"id>" + pwned + "\");#:", "`id>" + pwned + "`:",
+        "x'.system('id>" + pwned + "').':",   "@x\\':",
+        "x\\';system('id>" + pwned + "');':", "\"';print\\\"':",
+    };
+    for (const std::string &label : labels) {
+        SCOPED_TRACE(label);
+        std::string text;
+        for (int i = 0; i < 3; ++i)
+            text += "2024-01-01 10:00:0" + std::to_string(i) + ".000  " + label + columns + "\n";
+        const std::string file = folder_file("rtlog.txt", text);
+        const CommandResult plot =
+            run_command("env -u LD_PRELOAD " TVOXSP_TOOL_PATH " rtlog-plot " + file + " -o " +
+                        sim_dir() + "/chart.svg");
+        EXPECT_EQ(plot.status, 0) << plot.output;
+        EXPECT_FALSE(std::filesystem::exists(pwned));
+    }
 }
 
 TEST_F(TvoxspToolTest, EveryCommandAnswersHelp)
@@ -198,7 +481,7 @@ TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
     } cases[] = {
         {"get 'T DSP Mode'", "", mixer + where},
         {"set 'T DSP Mode' 1", "", mixer + where},
-        {"mixer-test", "", "Failed to open mixer\n" + mixer + "\n"},
+        {"mixer-test", "", mixer + "\n"},
         {"path amp_off", "", no_card},
         {"reload", "", no_card},
         {"boot", "", no_card},

@@ -33,13 +33,14 @@ tvox::MixerHandle open_card0()
     return mixer;
 }
 
-// The control as the library finds it: a wholly numeric identifier is a control number.
+// The control as the library finds it: a wholly numeric identifier in any base names a control,
+// whose number the library then reads the plain decimal way ("022" is control 22).
 struct mixer_ctl *lookup_control(struct mixer *mixer, const char *identifier)
 {
     char *end = nullptr;
-    const long number = std::strtol(identifier, &end, 0);
+    std::strtol(identifier, &end, 0);
     return *identifier != '\0' && *end == '\0'
-               ? mixer_get_ctl(mixer, static_cast<unsigned int>(number))
+               ? mixer_get_ctl(mixer, static_cast<unsigned int>(std::atoi(identifier)))
                : mixer_get_ctl_by_name(mixer, identifier);
 }
 

@@ -1,8 +1,14 @@
 // tvoxsp play: the library's WAV player, its graph playback and the engineering loop file.
 #include "command.h"
+#include "stream_tap.h"
 
+#include <tinyalsa/asoundlib.h>
+
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace tvoxsp
@@ -10,6 +16,22 @@ namespace tvoxsp
 
 namespace
 {
+
+// The WAV player does not say why its device did not open: asks tinyalsa the same way.
+std::string why_pcm_is_closed(unsigned int card, unsigned int device)
+{
+    struct pcm_config config = {};
+    config.channels = 2;
+    config.rate = 48000;
+    config.period_size = 1024;
+    config.period_count = 4;
+    config.format = PCM_FORMAT_S16_LE;
+    struct pcm *pcm = pcm_open(card, device, PCM_OUT, &config);
+    const std::string why = pcm != nullptr && !pcm_is_ready(pcm) ? pcm_get_error(pcm) : "";
+    if (pcm != nullptr)
+        pcm_close(pcm);
+    return why.empty() ? "" : " (" + why + ")";
+}
 
 int play(Args args)
 {
@@ -21,26 +43,32 @@ int play(Args args)
     struct tervox &ctx = session.context();
     if (!files.empty())
         ctx.silent_wav_path = files[0];
-    if (graph) {
+    int32_t result = 0;
+    std::string printed;
+    {
+        StreamTap out(1);
+        StreamTap errors(2);
         // Graph playback stops at Ctrl-C by itself.
-        if (tervox_agmplay(&ctx) == 0)
-            return 0;
-        std::fprintf(stderr, "tvoxsp: %s was not played through the graph of %s\n",
-                     ctx.silent_wav_path, ctx.backend_name ? ctx.backend_name : "no back-end");
+        result = graph           ? tervox_agmplay(&ctx)
+                 : files.empty() ? tervox_tplay_test()
+                                 : tervox_tplay(&ctx);
+        printed = out.text() + errors.text();
+    }
+    if (!graph && files.empty() && result == kNoMixer) {
+        std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
         return kFailed;
     }
-    if (files.empty()) {
-        const int32_t result = tervox_tplay_test();
-        if (result == 0)
-            return 0;
-        std::fprintf(stderr, "tvoxsp: %s\n",
-                     result == kNoMixer ? "card 0's mixer does not open"
-                                        : "the loop file was not played");
-        return kFailed;
-    }
-    if (tervox_tplay(&ctx) == 0)
+    std::optional<std::string> step = player_failure(printed);
+    if (step && step->starts_with("Unable to open PCM device"))
+        *step += why_pcm_is_closed(graph ? ctx.play_card : 0, graph ? ctx.play_device : 0);
+    // The WAV player names the format it plays; it says nothing when it plays nothing.
+    const bool played = graph || printed.find("Playing sample:") != std::string::npos;
+    if (result == 0 && !step && played)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s was not played\n", ctx.silent_wav_path);
+    std::fprintf(stderr, "tvoxsp: %s was not played%s%s%s%s\n", ctx.silent_wav_path,
+                 graph ? " through the graph of " : "",
+                 graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
+                 step ? ": " : "", step ? step->c_str() : "");
     return kFailed;
 }
 

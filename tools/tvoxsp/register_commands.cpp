@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "command.h"
 #include "rtlog_plot.h"
+#include "stream_tap.h"
 
 #include <array>
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tvoxsp
@@ -48,6 +50,23 @@ int without_arguments(Args args, int32_t (*operation)())
     return zero_is_success(result);
 }
 
+// The register tools read through the register control of each amplifier; a control that is
+// missing or refuses the request leaves 0 in the printed line as if it were read.
+int registers(int32_t result, StreamTap &errors, const char *what)
+{
+    if (result == 1) {
+        card0_opens();
+        return kFailed;
+    }
+    if (!setter_refused(errors.text()))
+        return zero_is_success(result);
+    std::fprintf(stderr,
+                 "tvoxsp: %s: the register control refused the request: the values "
+                 "shown were not read\n",
+                 what);
+    return kFailed;
+}
+
 int reg(Args args)
 {
     if (args.empty())
@@ -58,12 +77,13 @@ int reg(Args args)
         return kUsage;
     const std::vector<uint32_t> &v = *values;
     Session session;
+    StreamTap errors(2);
     if (op == "read" && v.size() == 1)
-        return zero_is_success(tervox_log_reg_read(v[0]));
+        return registers(tervox_log_reg_read(v[0]), errors, "reg read");
     if (op == "write" && v.size() == 2)
-        return zero_is_success(tervox_log_reg_write(v[0], v[1]));
+        return registers(tervox_log_reg_write(v[0], v[1]), errors, "reg write");
     if (op == "update" && v.size() == 3)
-        return zero_is_success(tervox_log_reg_update_bits(v[0], v[1], v[2]));
+        return registers(tervox_log_reg_update_bits(v[0], v[1], v[2]), errors, "reg update");
     return kUsage;
 }
 
@@ -73,7 +93,22 @@ int rtlog(Args args)
     if (!parsed || !parsed->second.empty())
         return kUsage;
     Session session;
-    return zero_is_success(tervox_prot_rtlog(parsed->first));
+    StreamTap out(1);
+    const int32_t result = tervox_prot_rtlog(parsed->first);
+    // A log that ends "Failed" keeps its sample buffers in the context; teardown does not
+    // release them.
+    for (tervox_rtlog_channel &channel : session.context().rtlog) {
+        std::free(std::exchange(channel.data, nullptr));
+        std::free(std::exchange(channel.line, nullptr));
+    }
+    if (result == 1 && !card0_opens())
+        return kFailed;
+    if (result == 0 && !out.saw("rtlog exit - Failed"))
+        return 0;
+    std::fprintf(stderr, "tvoxsp: the live log failed: %s\n",
+                 result == -1 ? "its file cannot be written"
+                              : "a control of the live log refused (see the lines above)");
+    return kFailed;
 }
 
 int monitor(Args args)
@@ -85,7 +120,15 @@ int monitor(Args args)
     if (!regs || regs->empty())
         return kUsage;
     Session session;
-    return zero_is_success(tervox_regs_monitor(regs->data(), regs->size(), parsed->first));
+    StreamTap out(1);
+    StreamTap errors(2);
+    const int32_t result = tervox_regs_monitor(regs->data(), regs->size(), parsed->first);
+    const bool failed = out.saw("monitor registers exit - Failed");
+    const int status = registers(result, errors, "monitor");
+    if (status != 0 || !failed)
+        return status;
+    std::fprintf(stderr, "tvoxsp: monitor: the last register read failed\n");
+    return kFailed;
 }
 
 int info(Args args)
@@ -105,7 +148,8 @@ int bypass(Args args)
     Session session;
     if (!card0_opens())
         return kFailed;
-    return zero_is_success(tervox_dsp_bypass(channel, *on ? 1 : 0));
+    return controls_written([&] { return tervox_dsp_bypass(channel, *on ? 1 : 0); },
+                            "the amplifiers' source was not switched");
 }
 
 int reload(Args args)
@@ -127,13 +171,15 @@ int swap(Args args)
         return kUsage;
     Session session;
     if (dsp)
-        return zero_is_success(tervox_vesk_channel_swap(*on ? 1 : 0));
+        return controls_written([&] { return tervox_vesk_channel_swap(*on ? 1 : 0); },
+                                "the DSPs' channel balance was not set");
     if (session.context().channel_swap == nullptr) {
         std::fprintf(stderr, "tvoxsp: this build has no channel swap in its context; use "
                              "swap --dsp\n");
         return kFailed;
     }
-    return zero_is_success(tervox_channel_swap(*on ? 1 : 0));
+    return controls_written([&] { return tervox_channel_swap(*on ? 1 : 0); },
+                            "the channels were not swapped");
 }
 
 int plot(Args args)

@@ -80,6 +80,30 @@ bool write_data(const std::vector<RtlogSample> &samples, const std::string &dir,
     return true;
 }
 
+// A channel label as chart text. The log file is anyone's to write, so only letters, digits and
+// a few marks pass; everything else (quotes, backslashes, "@" macros, backticks) becomes "_":
+// nothing read from the file can end the quoted string it stands in.
+std::string chart_label(std::string_view label)
+{
+    std::string text(label.substr(0, 32));
+    for (char &c : text) {
+        const bool plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                           (c >= '0' && c <= '9') || c == ' ' || c == '.' || c == '-' || c == '+' ||
+                           c == ':';
+        c = plain ? c : '_';
+    }
+    return text;
+}
+
+// A path in a single-quoted gnuplot string: a quote is written twice.
+std::string gnuplot_string(std::string_view path)
+{
+    std::string text = "'";
+    for (char c : path)
+        text += c == '\'' ? std::string("''") : std::string(1, c);
+    return text + "'";
+}
+
 // Three panels (column 1, 3, 5 and their maxima) above each other, each channel's active span
 // shaded behind them.
 std::string script(const std::vector<std::string> &labels, const std::string &dir,
@@ -89,7 +113,7 @@ std::string script(const std::vector<std::string> &labels, const std::string &di
     std::ostringstream s;
     s << (png ? "set terminal pngcairo size 1100,900 font 'sans,10'\n"
               : "set terminal svg size 1100,900 dynamic background rgb 'white' font 'sans,10'\n");
-    s << "set output '" << out << "'\n"
+    s << "set termoption noenhanced\nset output " << gnuplot_string(out) << "\n"
       << "set datafile missing 'NaN'\nset key outside right\nset grid\n"
       << "set y2range [0:1]\nunset y2tics\nset multiplot layout 3,1 title 'live protection log'\n";
     const char *const panels[3][2] = {{"column 1 (firmware 0x6F)", "2:3"},
@@ -104,7 +128,7 @@ std::string script(const std::vector<std::string> &labels, const std::string &di
         const std::string now = cols.substr(0, cols.find(':'));
         const std::string max = cols.substr(cols.find(':') + 1);
         for (size_t c = 0; c < labels.size(); ++c) {
-            const std::string file = "'" + dir + "/ch" + std::to_string(c) + ".dat'";
+            const std::string file = gnuplot_string(dir + "/ch" + std::to_string(c) + ".dat");
             s << file << " using 1:8 axes x1y2 with fillsteps fs transparent solid 0.12 noborder"
               << " lc " << c + 1 << " title '" << labels[c] << " active', ";
             s << file << " using 1:" << now << " with lines lw 2 lc " << c + 1 << " title '"
@@ -189,7 +213,7 @@ bool plot_rtlog(const char *path, const char *out)
     }
     std::vector<std::string> labels;
     for (const RtlogChannel &channel : samples.front().channels)
-        labels.push_back(channel.label);
+        labels.push_back(chart_label(channel.label));
 
     char dir_template[] = "/tmp/tvoxsp-plot-XXXXXX";
     if (mkdtemp(dir_template) == nullptr) {
