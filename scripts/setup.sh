@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build clang lld clang-format pkg-config
   libasound2-dev alsa-utils android-liblog-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox
-  clang-16 libc++-16-dev libc++abi-16-dev gcc-multilib g++-multilib valgrind
+  clang-16 libc++-16-dev libc++abi-16-dev gcc-multilib g++-multilib valgrind strace
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -8,12 +8,13 @@
 #include "tvoxsp.h"
 #include "util/file_handle.h"
 
+#include <sys/stat.h>
+
+#include <array>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,14 +28,24 @@ namespace
 
 namespace tuning = tvox::tuning;
 
+// The whole file, as the loaders read it: a regular file, read to its end without an error.
 std::optional<std::string> read_file(const char *path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    const tvox::FileHandle file(std::fopen(path, "rb"));
+    struct stat info = {};
+    if (!file || fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)) {
         std::fprintf(stderr, "tvoxsp: cannot open %s\n", path);
         return std::nullopt;
     }
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::string text;
+    std::array<char, 4096> chunk;
+    for (size_t got; (got = std::fread(chunk.data(), 1, chunk.size(), file.get())) > 0;)
+        text.append(chunk.data(), got);
+    if (std::ferror(file.get())) {
+        std::fprintf(stderr, "tvoxsp: cannot read %s\n", path);
+        return std::nullopt;
+    }
+    return text;
 }
 
 // A receive configuration starts with its left marker; anything else is read a block per line.
@@ -47,9 +58,18 @@ tuning::Layout layout_of(std::string_view text)
 
 const char *walk_failure(tuning::Walk walk)
 {
-    return walk == tuning::Walk::too_many_lines
-               ? "more than 100 lines: the library would end the process"
-               : "a line after the two receive blocks: the library would end the process";
+    switch (walk) {
+    case tuning::Walk::too_many_lines:
+        return "more than 100 lines: the library would end the process";
+    case tuning::Walk::line_after_rx:
+        return "a line after the two receive blocks: the library would end the process";
+    case tuning::Walk::no_memory:
+        return "a line does not fit in memory: rejected";
+    case tuning::Walk::read_error:
+    case tuning::Walk::done:
+        break;
+    }
+    return "the file cannot be read: rejected";
 }
 
 // Runs walk_blocks over text held in memory.
