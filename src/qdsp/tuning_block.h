@@ -7,6 +7,8 @@
 // cannot back with tokens is rejected instead of trusted.
 #pragma once
 
+#include "util/malloc_ptr.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -23,11 +25,8 @@ inline constexpr size_t kMaxBlockLines = 100;
 inline constexpr std::string_view kLeftMarker = "QORA_CONFIG_RX_LEFT";
 inline constexpr std::string_view kRightMarker = "QORA_CONFIG_RX_RIGHT";
 
-struct FreeDeleter {
-    void operator()(void *memory) const { std::free(memory); }
-};
 // Word buffers come from malloc, so running out of memory is an answer, not an abort.
-using Words = std::unique_ptr<uint32_t[], FreeDeleter>;
+using Words = MallocPtr<uint32_t[]>;
 Words allocate_words(size_t count);
 
 // A token's value as strtol reads it in base 10 (leading white space, optional sign, digits up
