@@ -28,10 +28,13 @@ constexpr int32_t kRefused = 22;
 class ValueTokens
 {
   public:
-    explicit ValueTokens(const char *text) : text_(strdup(text))
+    explicit ValueTokens(const char *text)
     {
+        const std::size_t size = std::strlen(text) + 1;
+        text_.reset(static_cast<char *>(std::malloc(size)));
         if (!text_)
             return;
+        std::memcpy(text_.get(), text, size);
         for (char *cursor = text_.get();;) {
             cursor += std::strspn(cursor, kDelimiters);
             if (*cursor == '\0')
