@@ -3,13 +3,14 @@
 // allocation failure may abort it either. Each entry point that allocates for its input gets an
 // input whose copy or buffer needs more memory than a child process may have, and must answer.
 //
-// Only requests sized by the input (32 MiB and more) may fail, so that ALSA and the stand-ins
-// still get their small allocations. Without a sanitizer the child's address space is limited
-// (RLIMIT_AS) to what it maps plus 16 MiB. Under AddressSanitizer that limit also starves the
-// sanitizer's own allocator, so there the sanitizer refuses every request above 16 MiB instead
-// (max_allocation_size_mb); allocator_may_return_null makes its malloc answer null as the C
-// library's does, while its throwing operator new still ends the process, as the exception would.
-// The inputs are mapped directly, so the test itself never asks malloc for that much.
+// Only requests sized by the input (128 MiB and more) may fail, so that ALSA and the stand-ins
+// still get theirs (a mixer maps the simulator's 20 MiB state). Without a sanitizer the child's
+// address space is limited (RLIMIT_AS) to what it maps plus 64 MiB. Under AddressSanitizer that
+// limit also starves the sanitizer's own allocator, so there the sanitizer refuses every request
+// above 64 MiB instead (max_allocation_size_mb); allocator_may_return_null makes its malloc answer
+// null as the C library's does, while its throwing operator new still ends the process, as the
+// exception would. The inputs are mapped directly, so the test itself never asks malloc for that
+// much.
 #include "calibration/context_fixture.h"
 #include "mixer/mixer_handle.h"
 
@@ -33,14 +34,14 @@
 
 extern "C" const char *__asan_default_options()
 {
-    return "allocator_may_return_null=1:max_allocation_size_mb=16";
+    return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
 
 namespace
 {
 
-constexpr size_t kHeadroom = size_t{16} << 20;
-constexpr size_t kLarge = size_t{32} << 20;
+constexpr size_t kHeadroom = size_t{64} << 20;
+constexpr size_t kLarge = size_t{128} << 20;
 
 // Limits this process's address space to what it maps now plus kHeadroom; under
 // AddressSanitizer its allocation limit is in place from the start.
@@ -125,13 +126,14 @@ class MemoryLimitTest : public tvox::test::SimContextTest
 TEST_F(MemoryLimitTest, EveryEntryPointAnswersWhenMemoryRunsOut)
 {
     install_phone();
-    const LargeText value(' ', kLarge); // one token, a large copy
-    value.c_str()[0] = '1';
-    const LargeText name('X', kLarge);
-    const LargeText line_text('7', kLarge);
+    // One token as a value, a name or path nothing can hold, a line no buffer can take.
+    const LargeText large(' ', kLarge);
+    large.c_str()[0] = '1';
+    const char *value = large.c_str();
+    const char *name = large.c_str();
     const std::string line = sim_dir() + "/line.txt";
     const int fd = open(line.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ASSERT_EQ(write(fd, line_text.c_str(), kLarge), static_cast<ssize_t>(kLarge));
+    ASSERT_EQ(write(fd, large.c_str(), kLarge), static_cast<ssize_t>(kLarge));
     ASSERT_EQ(write(fd, ",1\n", 3), 3);
     close(fd);
     const std::string wav = phone("/odm/etc/audio/silent-3sec.wav");
@@ -141,30 +143,29 @@ TEST_F(MemoryLimitTest, EveryEntryPointAnswersWhenMemoryRunsOut)
     const tvox::MixerHandle mixer = tvox::open_mixer();
     ASSERT_TRUE(mixer && small);
 
-    const tvox::PathEntry path[] = {{"T DSP Mode", value.c_str()}};
+    const tvox::PathEntry path[] = {{"T DSP Mode", value}};
     const std::vector<Call> calls = {
-        {"tervox_tmixer_set",
-         [&] { return tervox_tmixer_set(mixer.get(), "T DSP Mode", value.c_str()); }, -1},
+        {"tervox_tmixer_set", [&] { return tervox_tmixer_set(mixer.get(), "T DSP Mode", value); },
+         -1},
         {"tervox_apply_mixer_path", [&] { return tvox::apply_path(path); }, -1},
         {"tervox_agmplay",
          [&] {
              ctx_.silent_wav_path = wav.c_str();
-             ctx_.backend_name = name.c_str();
+             ctx_.backend_name = name;
              return tervox_agmplay(&ctx_);
          },
          0},
-        {"tervox_default_fwrite", [&] { return tervox_default_fwrite(values, 2, name.c_str()); },
-         -1},
-        {"tervox_ascii_fwrite", [&] { return tervox_ascii_fwrite(values, 2, name.c_str()); }, -1},
+        {"tervox_default_fwrite", [&] { return tervox_default_fwrite(values, 2, name); }, -1},
+        {"tervox_ascii_fwrite", [&] { return tervox_ascii_fwrite(values, 2, name); }, -1},
         {"tervox_cal_fwrite",
          [&] {
-             ctx_.cal_txt_path = name.c_str();
+             ctx_.cal_txt_path = name;
              return tervox_cal_fwrite(values, 2);
          },
          -1},
         {"tervox_f0_fwrite",
          [&] {
-             ctx_.f0_path = name.c_str();
+             ctx_.f0_path = name;
              return tervox_f0_fwrite(values, 2);
          },
          -1},
@@ -177,7 +178,7 @@ TEST_F(MemoryLimitTest, EveryEntryPointAnswersWhenMemoryRunsOut)
          -1},
         {"str_builder_add_str",
          [&] {
-             str_builder_add_str(small, name.c_str(), 0);
+             str_builder_add_str(small, name, 0);
              return static_cast<int32_t>(str_builder_len(small));
          },
          3},
