@@ -1,9 +1,10 @@
 #include "calibration/cal_thread.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <mutex>
 #include <pthread.h>
-#include <vector>
 
 namespace tvox
 {
@@ -12,16 +13,18 @@ namespace
 {
 
 // Contexts whose cal_thread holds a started, not yet joined thread. A HAL has one context, so
-// the list stays tiny; the lock also orders a join against a concurrent start.
+// the table stays tiny; it is fixed so that starting a run never allocates. The lock also orders
+// a join against a concurrent start.
+constexpr size_t kMaxUnjoined = 16;
 std::mutex registry_lock;
-std::vector<const struct tervox *> unjoined;
+std::array<const struct tervox *, kMaxUnjoined> unjoined = {};
 
 int join_locked(struct tervox *ctx)
 {
     const auto it = std::find(unjoined.begin(), unjoined.end(), ctx);
-    if (it == unjoined.end())
+    if (ctx == nullptr || it == unjoined.end())
         return 0;
-    unjoined.erase(it);
+    *it = nullptr;
     return pthread_join(ctx->cal_thread, nullptr);
 }
 
@@ -31,9 +34,13 @@ int start_cal_thread(struct tervox *ctx, void *(*body)(void *), void *arg)
 {
     std::lock_guard lock(registry_lock);
     join_locked(ctx);
+    // With every entry taken the start fails as pthread_create does when it lacks resources.
+    const auto free_entry = std::find(unjoined.begin(), unjoined.end(), nullptr);
+    if (free_entry == unjoined.end())
+        return EAGAIN;
     const int ret = pthread_create(&ctx->cal_thread, nullptr, body, arg);
     if (ret == 0)
-        unjoined.push_back(ctx);
+        *free_entry = ctx;
     return ret;
 }
 

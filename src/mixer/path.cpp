@@ -16,8 +16,9 @@ namespace
 
 void pause_for(const char *microseconds)
 {
-    const long us = microseconds == nullptr ? 0 : std::strtol(microseconds, nullptr, 10);
-    // Clamped in a type wider than both: with a 32-bit long, UINT_MAX as a long is -1.
+    // Read and clamped in 64 bits on every ABI: a 32-bit long would cut 3000000000 to LONG_MAX,
+    // and UINT_MAX as a 32-bit long is -1.
+    const long long us = microseconds == nullptr ? 0 : std::strtoll(microseconds, nullptr, 10);
     usleep(static_cast<useconds_t>(std::clamp<long long>(us, 0, UINT_MAX)));
 }
 

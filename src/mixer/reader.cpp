@@ -28,8 +28,12 @@ int32_t read_bytes(struct mixer_ctl *ctl, const char *control, unsigned int coun
                    std::size_t out_size)
 {
     const std::size_t header = mixer_ctl_is_access_tlv_rw(ctl) ? kTlvHeader : 0;
+    // With a 32-bit size_t a count near UINT_MAX and the header wrap to a few bytes: such a
+    // control is as unreadable as one whose buffer cannot be allocated.
+    const bool representable = count <= SIZE_MAX - header;
     const std::size_t size = header + count;
-    std::unique_ptr<uint8_t[]> staging(new (std::nothrow) uint8_t[size]());
+    std::unique_ptr<uint8_t[]> staging(representable ? new (std::nothrow) uint8_t[size]()
+                                                     : nullptr);
     if (!staging) {
         std::fprintf(stderr, "Failed to alloc mem for bytes %d\n", static_cast<int>(count));
         return read_failed(control);

@@ -1,17 +1,17 @@
 #include "mixer/control.h"
 #include "tvoxsp/mixer.h"
 #include "util/fatal.h"
+#include "util/malloc_ptr.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string>
-#include <string_view>
 #include <tinyalsa/asoundlib.h>
-#include <vector>
 
 namespace
 {
@@ -24,31 +24,41 @@ constexpr int32_t kRefused = 22;
 // The tokens of a value text, cut at spaces and commas with no empty tokens. Each token is a
 // NUL-terminated view into the object's own copy of the text, so nothing is shared between
 // threads (unlike strtok). More than kMaxTokens tokens is a caller fault that ends the process.
+// The copy comes from malloc and the token table is fixed: running out of memory is an answer.
 class ValueTokens
 {
   public:
-    explicit ValueTokens(const char *text) : text_(text)
+    explicit ValueTokens(const char *text)
     {
-        std::size_t pos = 0;
-        while ((pos = text_.find_first_not_of(kDelimiters, pos)) != std::string::npos) {
-            const std::size_t end = std::min(text_.find_first_of(kDelimiters, pos), text_.size());
-            if (tokens_.size() == kMaxTokens)
-                tvox::fatal();
-            tokens_.push_back(text_.data() + pos);
-            if (end == text_.size())
+        const std::size_t size = std::strlen(text) + 1;
+        text_.reset(static_cast<char *>(std::malloc(size)));
+        if (!text_)
+            return;
+        std::memcpy(text_.get(), text, size);
+        for (char *cursor = text_.get();;) {
+            cursor += std::strspn(cursor, kDelimiters);
+            if (*cursor == '\0')
                 break;
-            text_[end] = '\0';
-            pos = end + 1;
+            if (count_ == kMaxTokens)
+                tvox::fatal();
+            tokens_[count_++] = cursor;
+            cursor += std::strcspn(cursor, kDelimiters);
+            if (*cursor == '\0')
+                break;
+            *cursor++ = '\0';
         }
     }
 
-    std::size_t size() const { return tokens_.size(); }
+    // False when the text could not be copied.
+    bool copied() const { return text_ != nullptr; }
+    std::size_t size() const { return count_; }
     const char *operator[](std::size_t i) const { return tokens_[i]; }
 
   private:
     static constexpr const char *kDelimiters = " ,";
-    std::string text_;
-    std::vector<const char *> tokens_;
+    tvox::MallocPtr<char> text_;
+    std::array<const char *, kMaxTokens> tokens_;
+    std::size_t count_ = 0;
 };
 
 struct Number {
@@ -179,7 +189,7 @@ extern "C" int32_t tervox_tmixer_set(struct mixer *mixer, const char *control,
     if (value_text == nullptr)
         return -1;
     const ValueTokens tokens(value_text);
-    if (tokens.size() == 0)
+    if (!tokens.copied() || tokens.size() == 0)
         return -1;
 
     struct mixer_ctl *ctl = tvox::find_control(mixer, control);

@@ -13,7 +13,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 namespace
 {
@@ -87,9 +86,9 @@ void play_through_graph(const struct tervox &ctx, std::FILE *file, const tvox::W
         std::puts("Failed to open mixer");
         return;
     }
-    // The AGM calls take the interface name as mutable text.
-    std::string backend(ctx.backend_name);
-    char *intf = backend.data();
+    // The AGM prototypes take the interface name as char * but only read it; the context's own
+    // text goes to them, so no copy can fail.
+    char *intf = const_cast<char *>(ctx.backend_name);
     const unsigned int device = ctx.play_device;
 
     if (get_device_media_config(kBackendConf, intf, device_config.get()) != 0) {

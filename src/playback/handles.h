@@ -7,6 +7,7 @@
 #include <tinyalsa/asoundlib.h>
 
 #include "util/file_handle.h"
+#include "util/malloc_ptr.h"
 #include "util/text.h"
 
 namespace tvox
@@ -16,12 +17,6 @@ struct PcmCloser {
     void operator()(struct pcm *pcm) const { pcm_close(pcm); }
 };
 using PcmHandle = std::unique_ptr<struct pcm, PcmCloser>;
-
-struct FreeDeleter {
-    void operator()(void *block) const { std::free(block); }
-};
-// malloc'd storage: the players report an allocation failure instead of aborting.
-template <typename T> using MallocPtr = std::unique_ptr<T, FreeDeleter>;
 
 // One zero-filled T, or none when memory runs out.
 template <typename T> MallocPtr<T> allocate_zeroed()

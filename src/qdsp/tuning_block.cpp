@@ -2,6 +2,7 @@
 
 #include "qdsp/block_crc.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 
@@ -103,10 +104,30 @@ std::optional<Crc> check_block(const Block &block)
 
 std::optional<std::string_view> LineReader::next()
 {
+    errno = 0;
     const ssize_t length = getline(&buffer_, &capacity_, file_);
-    if (length < 0)
-        return std::nullopt;
-    return std::string_view(buffer_, static_cast<size_t>(length));
+    if (length >= 0)
+        return std::string_view(buffer_, static_cast<size_t>(length));
+    // getline answers -1 at the end of the file, on a read error, and when its buffer cannot
+    // grow (ENOMEM; some C libraries set the stream's error flag for that too).
+    if (std::feof(file_) && !std::ferror(file_))
+        stopped_ = LineEnd::end_of_file;
+    else
+        stopped_ = errno == ENOMEM ? LineEnd::no_memory : LineEnd::read_error;
+    return std::nullopt;
+}
+
+Walk walk_end(const LineReader &reader)
+{
+    switch (reader.stopped()) {
+    case LineEnd::read_error:
+        return Walk::read_error;
+    case LineEnd::no_memory:
+        return Walk::no_memory;
+    case LineEnd::end_of_file:
+        break;
+    }
+    return Walk::done;
 }
 
 } // namespace tvox::tuning

@@ -7,6 +7,8 @@
 // cannot back with tokens is rejected instead of trusted.
 #pragma once
 
+#include "util/malloc_ptr.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -23,11 +25,8 @@ inline constexpr size_t kMaxBlockLines = 100;
 inline constexpr std::string_view kLeftMarker = "QORA_CONFIG_RX_LEFT";
 inline constexpr std::string_view kRightMarker = "QORA_CONFIG_RX_RIGHT";
 
-struct FreeDeleter {
-    void operator()(void *memory) const { std::free(memory); }
-};
 // Word buffers come from malloc, so running out of memory is an answer, not an abort.
-using Words = std::unique_ptr<uint32_t[], FreeDeleter>;
+using Words = MallocPtr<uint32_t[]>;
 Words allocate_words(size_t count);
 
 // A token's value as strtol reads it in base 10 (leading white space, optional sign, digits up
@@ -62,6 +61,9 @@ struct Crc {
 // The CRC of a parsed block against its stored word; nothing for a block that did not parse.
 std::optional<Crc> check_block(const Block &block);
 
+// Why a walk over a file's lines stopped.
+enum class LineEnd { end_of_file, read_error, no_memory };
+
 // Reads whole lines, however long, newline included.
 class LineReader
 {
@@ -71,13 +73,16 @@ class LineReader
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
-    // The next line, or nothing at the end of the file (or when memory runs out).
+    // The next line, or nothing when the file ends, cannot be read, or the line does not fit in
+    // memory: stopped() tells which.
     std::optional<std::string_view> next();
+    LineEnd stopped() const { return stopped_; }
 
   private:
     std::FILE *file_;
     char *buffer_ = nullptr;
     size_t capacity_ = 0;
+    LineEnd stopped_ = LineEnd::end_of_file;
 };
 
 enum class Layout {
@@ -85,8 +90,10 @@ enum class Layout {
     block_lines, // one block per line, at most kMaxBlockLines
 };
 
-// How a file ended: fine, or in a way the loaders treat as fatal.
-enum class Walk { done, too_many_lines, line_after_rx };
+// How a file ended: fine; in a way the loaders treat as fatal; or before its end, because it
+// could not be read (refused like a file that does not open) or a line did not fit in memory
+// (the block on that line is missing, so the file is rejected).
+enum class Walk { done, too_many_lines, line_after_rx, read_error, no_memory };
 
 struct BlockText {
     size_t index;           // block number in the file, from 0
@@ -96,6 +103,9 @@ struct BlockText {
 };
 
 // Calls on_block(const BlockText &) for every block of the file in order.
+// The walk's end once `reader` returned no line.
+Walk walk_end(const LineReader &reader);
+
 template <typename OnBlock> Walk walk_blocks(std::FILE *file, Layout layout, OnBlock &&on_block)
 {
     LineReader reader(file);
@@ -106,18 +116,20 @@ template <typename OnBlock> Walk walk_blocks(std::FILE *file, Layout layout, OnB
                 return Walk::too_many_lines;
             on_block(BlockText{index, index + 1, *line, *line});
         }
-        return Walk::done;
+        return walk_end(reader);
     }
     constexpr std::string_view markers[] = {kLeftMarker, kRightMarker};
     for (size_t index = 0; index < std::size(markers); ++index) {
         const auto line = reader.next();
-        const size_t at = line ? line->find(markers[index]) : std::string_view::npos;
+        if (!line)
+            return walk_end(reader);
+        const size_t at = line->find(markers[index]);
         if (at == std::string_view::npos)
             return Walk::done;
         on_block(BlockText{index, index + 1, *line, line->substr(at + markers[index].size())});
     }
     // Two blocks are the whole configuration: anything after them, even an empty line, is not.
-    return reader.next() ? Walk::line_after_rx : Walk::done;
+    return reader.next() ? Walk::line_after_rx : walk_end(reader);
 }
 
 } // namespace tvox::tuning

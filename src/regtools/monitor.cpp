@@ -50,7 +50,8 @@ int32_t tervox_show_info(void)
         str_builder_add_str(sb.get(), ", ", 0);
     }
     str_builder_add_str(sb.get(), "\n", 0);
-    std::printf("%s\n", str_builder_peek(sb.get()));
+    // Out of memory there is no builder, and the text reads as a null one.
+    std::printf("%s\n", tvox::printable(str_builder_peek(sb.get())));
     return 0;
 }
 

@@ -89,7 +89,7 @@ void print_results(uint32_t reg, const Results &values, const char *op_name)
             sb.get(), item,
             std::min<uint64_t>(static_cast<uint64_t>(std::max(length, 0)), kItemLength));
     }
-    std::fprintf(stderr, "%s : %s \n", op_name, str_builder_peek(sb.get()));
+    std::fprintf(stderr, "%s : %s \n", op_name, tvox::printable(str_builder_peek(sb.get())));
 }
 
 // Opens card 0, stores `per_channel(mixer, control)` of every channel, then prints. A third

@@ -59,7 +59,8 @@ void free_buffers(tervox_rtlog_channel &r)
 }
 
 // Fresh records with all maxima at 0. Buffers a failed run left behind are released first.
-void reset_records()
+// False when memory runs out: no record then keeps a buffer.
+bool reset_records()
 {
     for (int32_t i = 0; i < self->num_channels; ++i) {
         tervox_rtlog_channel &r = record(i);
@@ -68,9 +69,13 @@ void reset_records()
         r.data_size = kDataSize;
         r.data = static_cast<uint8_t *>(std::calloc(kDataSize, 1));
         r.line = static_cast<char *>(std::calloc(kLineSize, 1));
-        if (r.data == nullptr || r.line == nullptr)
-            tvox::fatal();
+        if (r.data == nullptr || r.line == nullptr) {
+            for (int32_t j = 0; j <= i; ++j)
+                free_buffers(record(j));
+            return false;
+        }
     }
+    return true;
 }
 
 uint32_t data_word(const tervox_rtlog_channel &r, std::size_t word)
@@ -225,7 +230,9 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
         return -1;
     }
     const timespec period = tvox::regs::sampling_period(interval_ms);
-    reset_records();
+    // Without its buffers the log cannot run: refused like a file that does not open.
+    if (!reset_records())
+        return -1;
     std::printf("rtlog exit - %s\n", run(mixer.get(), file.get(), period));
     return 0;
 }

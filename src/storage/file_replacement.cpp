@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace tvox
 {
@@ -24,11 +26,12 @@ int open_flags(const char *mode)
 }
 
 // Makes the rename itself durable; a folder that cannot be synced keeps the file all the same.
-void sync_folder(const std::string &path)
+void sync_folder(const char *path)
 {
-    const std::string::size_type slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    std::array<char, PATH_MAX> folder = {'.'};
+    if (const char *slash = std::strrchr(path, '/'))
+        std::memcpy(folder.data(), path, static_cast<size_t>(slash - path) + 1);
+    const int fd = ::open(folder.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
         ::fsync(fd);
         ::close(fd);
@@ -52,18 +55,20 @@ FileReplacement::FileReplacement(const char *path, const char *mode) : path_(pat
         ::close(existing);
     }
 
-    temp_ = path_ + ".new";
-    ::unlink(temp_.c_str()); // a leftover of an interrupted write
-    const int fd = ::open(temp_.c_str(), open_flags(mode), permissions);
-    if (fd >= 0) {
-        file_.reset(::fdopen(fd, mode));
-        if (file_)
-            return;
-        ::close(fd);
-        ::unlink(temp_.c_str());
+    const int length = std::snprintf(temp_.data(), temp_.size(), "%s.new", path);
+    if (length > 0 && static_cast<size_t>(length) < temp_.size()) {
+        ::unlink(temp_.data()); // a leftover of an interrupted write
+        const int fd = ::open(temp_.data(), open_flags(mode), permissions);
+        if (fd >= 0) {
+            file_.reset(::fdopen(fd, mode));
+            if (file_)
+                return;
+            ::close(fd);
+            ::unlink(temp_.data());
+        }
     }
     // The folder takes no new file: rewrite the file itself.
-    temp_.clear();
+    temp_[0] = '\0';
     file_.reset(std::fopen(path, mode));
 }
 
@@ -76,13 +81,13 @@ bool FileReplacement::commit()
     bool ok = std::ferror(file) == 0 && std::fflush(file) == 0 &&
               (::fsync(fileno(file)) == 0 || errno == EINVAL);
     ok = std::fclose(file) == 0 && ok;
-    if (temp_.empty())
+    if (temp_[0] == '\0')
         return ok;
-    if (ok && std::rename(temp_.c_str(), path_.c_str()) == 0) {
+    if (ok && std::rename(temp_.data(), path_) == 0) {
         sync_folder(path_);
         return true;
     }
-    ::unlink(temp_.c_str());
+    ::unlink(temp_.data());
     return false;
 }
 

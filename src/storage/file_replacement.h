@@ -5,7 +5,8 @@
 
 #include "util/file_handle.h"
 
-#include <string>
+#include <array>
+#include <climits>
 
 namespace tvox
 {
@@ -26,8 +27,10 @@ class FileReplacement
     bool commit();
 
   private:
-    std::string path_;
-    std::string temp_; // empty when writing in place
+    // No allocation, so that running out of memory cannot throw: the caller's path outlives
+    // the object, and the file beside it fits PATH_MAX or is not made.
+    const char *path_;
+    std::array<char, PATH_MAX> temp_ = {}; // empty when writing in place
     FileHandle file_;
 };
 

@@ -17,14 +17,15 @@ constexpr uint64_t kMaxSize = std::numeric_limits<size_t>::max();
 
 // Room for `extra` more characters and the NUL: the capacity doubles until it fits, then the
 // buffer is reallocated once. Sizes that cannot be represented end the process, as does a
-// builder created with capacity 0 (it can never double).
-void ensure_room(str_builder *sb, uint64_t extra)
+// builder created with capacity 0 (it can never double). False when memory runs out: the
+// builder is then as it was.
+bool ensure_room(str_builder *sb, uint64_t extra)
 {
     if (extra > kMaxSize - 1 - sb->length)
         tvox::fatal();
     const uint64_t needed = sb->length + extra + 1;
     if (sb->capacity >= needed)
-        return;
+        return true;
     uint64_t capacity = sb->capacity;
     while (capacity < needed) {
         if (capacity == 0 || capacity > kMaxSize / 2)
@@ -33,9 +34,10 @@ void ensure_room(str_builder *sb, uint64_t extra)
     }
     auto *grown = static_cast<char *>(std::realloc(sb->buffer, static_cast<size_t>(capacity)));
     if (grown == nullptr)
-        tvox::fatal();
+        return false;
     sb->buffer = grown;
     sb->capacity = capacity;
+    return true;
 }
 
 void append(str_builder *sb, const char *bytes, uint64_t count)
@@ -46,10 +48,12 @@ void append(str_builder *sb, const char *bytes, uint64_t count)
     const bool own =
         at_or_before(sb->buffer, bytes) && at_or_before(bytes, sb->buffer + sb->length);
     const uint64_t offset = own ? static_cast<uint64_t>(bytes - sb->buffer) : 0;
-    ensure_room(sb, count);
+    // Out of memory the text is not appended: a void operation has no other answer.
+    if (!ensure_room(sb, count))
+        return;
     if (own)
         bytes = sb->buffer + offset;
-    std::memmove(sb->buffer + sb->length, bytes, count);
+    std::memmove(sb->buffer + sb->length, bytes, static_cast<size_t>(count));
     sb->length += count;
     sb->buffer[sb->length] = '\0';
 }
@@ -67,8 +71,12 @@ str_builder *str_builder_create(uint64_t capacity)
     // recorded capacity stays 0, so its first append ends the process.
     auto *buffer =
         static_cast<char *>(std::malloc(capacity == 0 ? 1 : static_cast<size_t>(capacity)));
-    if (sb == nullptr || buffer == nullptr)
-        tvox::fatal();
+    // Out of memory there is no builder; every operation takes the null builder and does nothing.
+    if (sb == nullptr || buffer == nullptr) {
+        std::free(sb);
+        std::free(buffer);
+        return nullptr;
+    }
     buffer[0] = '\0';
     sb->buffer = buffer;
     sb->capacity = capacity;
@@ -138,7 +146,7 @@ void str_builder_drop(str_builder *sb, uint64_t len)
         return;
     }
     // The remaining text moves to the front together with its NUL.
-    std::memmove(sb->buffer, sb->buffer + len, sb->length - len + 1);
+    std::memmove(sb->buffer, sb->buffer + len, static_cast<size_t>(sb->length - len + 1));
     sb->length -= len;
 }
 
@@ -160,8 +168,8 @@ char *str_builder_dump(const str_builder *sb, uint64_t *len)
         tvox::fatal();
     auto *copy = static_cast<char *>(std::malloc(static_cast<size_t>(sb->length) + 1));
     if (copy == nullptr)
-        tvox::fatal();
-    std::memcpy(copy, sb->buffer, sb->length + 1);
+        return nullptr;
+    std::memcpy(copy, sb->buffer, static_cast<size_t>(sb->length) + 1);
     if (len != nullptr)
         *len = sb->length;
     return copy;

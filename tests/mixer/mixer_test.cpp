@@ -6,7 +6,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -18,6 +17,7 @@
 #include <span>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -40,7 +40,17 @@ constexpr const char *kTlvBytes = "RCV DSP1 Protection cd CAL_R";
 std::atomic<int> g_opens{0};
 std::atomic<int> g_closes{0};
 
+// Every pause asked of the C library, in microseconds: this executable defines usleep ahead of
+// it and returns at once, so a path's pause is checked as a number and no test waits for it.
+std::vector<useconds_t> g_pauses;
+
 } // namespace
+
+extern "C" int usleep(useconds_t microseconds)
+{
+    g_pauses.push_back(microseconds);
+    return 0;
+}
 
 extern "C" struct mixer *mixer_open(unsigned int card)
 {
@@ -288,9 +298,9 @@ TEST_F(Path, StepsRunInOrderAndUdelayOnlyWaits)
     LogCapture log;
     const PathEntry steps[] = {
         {"T DSP Mode", "2"}, {"udelay", "50000"}, {"T DSP Mode", "3"}, {"udelay", "0x10"}};
-    const auto begin = std::chrono::steady_clock::now();
+    g_pauses.clear();
     EXPECT_EQ(tvox::apply_path(steps), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
+    EXPECT_EQ(g_pauses, (std::vector<useconds_t>{50000, 0})); // base 10 only: "0x10" is 0
     EXPECT_EQ(journal_lines(), (Names{"ctl 0 \"T DSP Mode\" = 2", "ctl 0 \"T DSP Mode\" = 3"}));
     expect_one_mixer("steps");
     ASSERT_EQ(log.lines().size(), 2u);
@@ -302,6 +312,32 @@ TEST_F(Path, StepsRunInOrderAndUdelayOnlyWaits)
     EXPECT_EQ(tervox_apply_mixer_path(nullptr, 0), 0);
     EXPECT_TRUE(journal_lines().empty());
     expect_one_mixer("empty path");
+}
+
+// A pause is the same on every ABI: below 0 is none, and the value is held whole up to the
+// largest the C library takes (a 32-bit long cannot hold 3000000000).
+TEST_F(Path, UdelayPausesAreClampedToWhatUsleepTakes)
+{
+    const std::pair<const char *, useconds_t> cases[] = {
+        {"0", 0},
+        {"-5", 0},
+        {"", 0},
+        {nullptr, 0},
+        {"1", 1},
+        {"2147483648", 2147483648u},
+        {"3000000000", 3000000000u},
+        {"4294967295", UINT32_MAX},
+        {"4294967296", UINT32_MAX},
+        {"-4294967296", 0},
+        {"99999999999999999999999", UINT32_MAX},
+    };
+    for (const auto &[value, microseconds] : cases) {
+        const PathEntry steps[] = {{"udelay", value}};
+        g_pauses.clear();
+        EXPECT_EQ(tvox::apply_path(steps), 0);
+        EXPECT_EQ(g_pauses, std::vector<useconds_t>{microseconds}) << (value ? value : "null");
+    }
+    EXPECT_TRUE(journal_lines().empty());
 }
 
 TEST_F(Path, FirstFailureStopsThePath)

@@ -232,14 +232,45 @@ TEST_F(DriverTest, LoadersSendOnlyFilesWhoseBlocksAllCheck)
     EXPECT_EQ(last_chunk(11),
               (std::vector<uint32_t>{20, 20, 1, 0, 0, 4, 5, 100, 200, 300, 0xFFD3E707}));
 
-    // Files that do not open send nothing.
+    // Files that do not open, and what opens but is no regular file, send nothing.
     clear_journal();
     for (auto load : kLoad) {
-        LogCapture log;
-        EXPECT_EQ(load("/no/such/tuning.txt"), -1);
-        EXPECT_TRUE(log.contains("Cannot open file - '/no/such/tuning.txt'\n"));
+        for (const std::string &path : {std::string("/no/such/tuning.txt"), sim_dir()}) {
+            LogCapture log;
+            EXPECT_EQ(load(path.c_str()), -1) << path;
+            EXPECT_TRUE(log.contains("Cannot open file - '" + path + "'\n", "AHAL: tervox_qdsp"));
+        }
     }
     EXPECT_TRUE(requests().empty());
+}
+
+// A file that cannot be read to its end is refused like one that does not open: part of it
+// would leave the module half tuned. strace fails the second read of the file in the tool's
+// process, after its first lines were read (LeakSanitizer cannot run under ptrace).
+TEST_F(DriverTest, FileThatCannotBeReadWholeSendsNothing)
+{
+    const std::string strace = "ASAN_OPTIONS=detect_leaks=0 strace -qq -o /dev/null ";
+    if (run_command(strace + "true").status != 0)
+        GTEST_SKIP() << "strace cannot trace processes here";
+    const auto [blocks, blocks_words] = file_of(std::vector<size_t>(60, 90));
+    const auto [left, left_words] = file_of({3000});
+    const std::string rx = folder_file("rx.txt", "QORA_CONFIG_RX_LEFT " + left);
+    const std::string lines = folder_file("lines.txt", blocks);
+    const std::pair<std::string, std::string> loads[] = {
+        {"load", rx}, {"delta", lines}, {"params", lines}, {"check", lines}};
+    for (const auto &[action, path] : loads) {
+        clear_journal();
+        const auto failed =
+            run_command(strace + "-P " + path + " -e trace=read -e inject=read:error=EIO:when=2 " +
+                        TVOXSP_TOOL_PATH + " tuning " + action + " " + path);
+        EXPECT_EQ(failed.status, 1) << action << ": " << failed.output;
+        EXPECT_TRUE(requests().empty()) << action;
+    }
+    // Read whole, the same files load.
+    EXPECT_EQ(tvoxsp("tuning load " + rx).status, 0);
+    EXPECT_EQ(config(kRxConfig), left_words);
+    EXPECT_EQ(tvoxsp("tuning delta " + lines).status, 0);
+    EXPECT_EQ(config(kDelta), blocks_words);
 }
 
 TEST_F(DriverTest, ModuleSwitchAndChannelSwap)

@@ -68,6 +68,36 @@ tuning::Layout layout_of(std::string_view text)
                                                                      : tuning::Layout::block_lines;
 }
 
+// Why a walk stopped before the file's end.
+const char *walk_failure(tuning::Walk walk)
+{
+    switch (walk) {
+    case tuning::Walk::too_many_lines:
+        return "more than 100 lines: the library would end the process";
+    case tuning::Walk::line_after_rx:
+        return "a line after the two receive blocks: the library would end the process";
+    case tuning::Walk::no_memory:
+        return "a line does not fit in memory: rejected";
+    case tuning::Walk::read_error:
+    case tuning::Walk::done:
+        break;
+    }
+    return "the file cannot be read: rejected";
+}
+
+// The line a walk's failure is reported on (0: the file as a whole).
+size_t walk_failure_line(tuning::Walk walk)
+{
+    switch (walk) {
+    case tuning::Walk::too_many_lines:
+        return tuning::kMaxBlockLines + 1;
+    case tuning::Walk::line_after_rx:
+        return 3;
+    default:
+        return 0;
+    }
+}
+
 // Runs walk_blocks over text held in memory.
 template <typename OnBlock>
 std::optional<tuning::Walk> walk_text(std::string &text, tuning::Layout layout, OnBlock &&on_block)
@@ -173,10 +203,8 @@ std::optional<Judgement> judge(std::string text, tuning::Layout layout)
         judgement.report.push_back(line == 0 ? why : printed("line %zu: ", line) + why);
         judgement.findings.push_back({line, false, why});
     };
-    if (*walk == tuning::Walk::too_many_lines)
-        whole(tuning::kMaxBlockLines + 1, "more than 100 lines: the library would end the process");
-    if (*walk == tuning::Walk::line_after_rx)
-        whole(3, "a line after the two receive blocks: the library would end the process");
+    if (*walk != tuning::Walk::done)
+        whole(walk_failure_line(*walk), walk_failure(*walk));
     const bool rx = layout == tuning::Layout::rx_config;
     if (judgement.blocks == 0)
         whole(rx ? 1 : 0, rx ? "no QORA_CONFIG_RX_LEFT line: the module would get an empty "
@@ -284,11 +312,7 @@ int seal(const char *path)
         return kFailed;
     }
     if (*walk != tuning::Walk::done) {
-        std::fprintf(stderr, "tvoxsp: %s: %s\n", path,
-                     *walk == tuning::Walk::too_many_lines
-                         ? "more than 100 lines: the library would end the process"
-                         : "a line after the two receive blocks: the library would end the "
-                           "process");
+        std::fprintf(stderr, "tvoxsp: %s: %s\n", path, walk_failure(*walk));
         return kFailed;
     }
     size_t line = 0;
