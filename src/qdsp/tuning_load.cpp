@@ -26,7 +26,7 @@ struct Configuration {
 
 FileHandle open_tuning(const char *path)
 {
-    FileHandle file(std::fopen(path, "rt"));
+    FileHandle file(std::fopen(path, "rte"));
     if (!file)
         log_qdsp(Priority::debug, "Cannot open file - '%s'\n", printable(path));
     return file;
