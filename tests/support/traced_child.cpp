@@ -10,20 +10,30 @@
 namespace tvox::test
 {
 
+namespace
+{
+constexpr int kUntraceable = 127; // the child's status where tracing is not allowed
+} // namespace
+
 TracedRun run_traced(const std::function<int()> &body,
                      const std::function<bool(pid_t, size_t)> &at_call)
 {
     std::fflush(nullptr); // nothing buffered is written twice
     const pid_t pid = fork();
     if (pid == 0) {
-        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(kUntraceable);
         raise(SIGSTOP);
         _exit(body()); // no exit handlers: the sanitizers' leak check would trace the child
     }
     TracedRun run;
-    if (pid < 0 || waitpid(pid, &run.status, 0) != pid)
+    if (pid < 0 || waitpid(pid, &run.status, 0) != pid || !WIFSTOPPED(run.status))
         return run;
-    ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    if (ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &run.status, 0);
+        return run;
+    }
     bool entering = true;
     int pending = 0; // a signal the child received, handed on when it resumes
     for (;;) {
