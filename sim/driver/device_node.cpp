@@ -3,6 +3,7 @@
 #include "driver.h"
 #include "state.h"
 
+#include <fcntl.h>
 #include <sys/eventfd.h>
 
 #include <array>
@@ -93,8 +94,9 @@ int node_open(int flags)
             return fail(EMFILE);
         if (int result = open_device(session, flags); result < 0)
             return fail(-result);
-        // Any descriptor will do: it only has to be a real one that close() can release.
-        const int fd = eventfd(0, EFD_CLOEXEC);
+        // Any descriptor will do: it only has to be a real one that close() can release, and
+        // close-on-exec only when asked, as the kernel's.
+        const int fd = eventfd(0, (flags & O_CLOEXEC) != 0 ? EFD_CLOEXEC : 0);
         if (fd >= 0)
             slot->store(fd);
         return fd;

@@ -80,7 +80,11 @@ int open_redirected(OpenAtFn real, int dirfd, const char *path, int flags, mode_
 {
     if (tvox::sim::driver::is_device_path(path) && tvox::sim::simulator_folder())
         return tvox::sim::driver::node_open(flags);
-    path = persist_target(path, (flags & O_ACCMODE) != O_RDONLY);
+    const char *target = persist_target(path, (flags & O_ACCMODE) != O_RDONLY);
+    // A full partition still takes a new (empty) file: only its writes fail.
+    if (target != path)
+        flags &= ~(O_CREAT | O_EXCL);
+    path = target;
     return with_path(path, -1, [&](const char *p) { return real(dirfd, p, flags, mode); });
 }
 

@@ -34,7 +34,8 @@ extern "C" int32_t tervox_cal_str_format_out(char *out, size_t size)
     const bool ok = tvox::atomic_load(self->cal_ok) != 0;
     int32_t total = 0;
     if (ok) {
-        const int32_t channels = self->num_channels;
+        // A negative count reads no channel (nor the file into the two stored words).
+        const int32_t channels = std::max(self->num_channels, 0);
         // Only two channels are foreseen: a third ends the process. The measured value is the
         // single-precision figure the HAL reads from get_result, so both print the same digits.
         float ohms[2] = {0, 0};

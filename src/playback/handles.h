@@ -27,7 +27,7 @@ template <typename T> MallocPtr<T> allocate_zeroed()
 // Opens a played file for reading; a missing path opens nothing.
 inline FileHandle open_for_reading(const char *path)
 {
-    return FileHandle(path ? std::fopen(path, "rb") : nullptr);
+    return FileHandle(path ? std::fopen(path, "rbe") : nullptr);
 }
 
 // Period layout shared by both players.

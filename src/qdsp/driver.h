@@ -47,7 +47,8 @@ static_assert(sizeof(DriverRequest) == 24);
 class DriverDevice
 {
   public:
-    DriverDevice(const char *path, int flags) : fd_(::open(path, flags)) {}
+    // Never inherited by a program the HAL starts.
+    DriverDevice(const char *path, int flags) : fd_(::open(path, flags | O_CLOEXEC)) {}
     ~DriverDevice() { close(); }
     DriverDevice(DriverDevice &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     DriverDevice(const DriverDevice &) = delete;

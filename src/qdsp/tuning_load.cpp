@@ -48,7 +48,7 @@ void log_cannot_open(const char *path)
 // Only a regular file is a tuning file: a directory opens, but reads nothing but an error.
 FileHandle open_tuning(const char *path)
 {
-    FileHandle file(std::fopen(path, "rt"));
+    FileHandle file(std::fopen(path, "rte"));
     struct stat info = {};
     if (file && (fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)))
         file.reset();

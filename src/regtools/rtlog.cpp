@@ -224,7 +224,7 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
     }
     if (!tvox::regs::catch_sigint())
         return 1;
-    const tvox::FileHandle file(std::fopen(kLogPath, "w"));
+    const tvox::FileHandle file(std::fopen(kLogPath, "we"));
     if (!file) {
         std::fprintf(stderr, "can't open %s \n", kLogPath);
         return -1;

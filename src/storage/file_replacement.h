@@ -1,6 +1,8 @@
-// Writing a calibration file so that a failing persist partition never costs the previous one:
-// the new contents go to a file beside it, are flushed and synced, and only then renamed into
-// place. Where the folder takes no new file, the file is rewritten in place instead.
+// Writing a calibration file so that a failing persist partition, a writer killed half-way or a
+// second writer never costs the previous one: each writer puts the new contents in a file of its
+// own beside it ("<path>.new.<pid>.<n>"), flushes and syncs it, and only then renames it into
+// place, so the last writer wins whole. Where the folder refuses new files for permissions, the
+// file is rewritten in place instead.
 #pragma once
 
 #include "util/file_handle.h"

@@ -31,7 +31,7 @@ extern "C" int32_t tervox_default_fwrite(uint32_t *values, size_t count, const c
 extern "C" int32_t tervox_default_fread(uint32_t *values, size_t count, const char *path)
 {
     errno = 0;
-    const tvox::FileHandle file(std::fopen(path, "rb"));
+    const tvox::FileHandle file(std::fopen(path, "rbe"));
     if (!file) {
         tvox::log_tervox(tvox::Priority::error, "%s: can't open %s, errno=%d \n",
                          "tervox_default_fread", path, errno);

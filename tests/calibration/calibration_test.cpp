@@ -120,6 +120,11 @@ TEST_F(ResultsTest, ReportShowsMeasuredBesideStoredValues)
     EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), static_cast<int32_t>(lines.size()));
     EXPECT_EQ(std::string(out), lines + "calibration success\n");
     EXPECT_EQ(out[sizeof out - 1], '\0'); // the whole buffer is cleared
+    // A negative count reports no channel and reads nothing of a long file.
+    write_file(bin_, words_bytes(std::vector<uint32_t>(64, 8391)));
+    ctx_.num_channels = -1;
+    EXPECT_EQ(tervox_cal_str_format_out(out, sizeof out), 0);
+    EXPECT_EQ(std::string(out), "calibration success\n");
     ctx_.num_channels = 3;
     EXPECT_DEATH(tervox_cal_str_format_out(out, sizeof out), ""); // two channels are foreseen
 }

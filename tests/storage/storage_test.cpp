@@ -1,10 +1,4 @@
 #include "calibration/context_fixture.h"
-#include "support/permission_bits.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <functional>
 
 namespace
 {
@@ -81,94 +75,6 @@ TEST_F(FilesTest, CalFwriteReportsTheTextWriteAndCalFreadMarksUncalibratedChanne
         EXPECT_EQ(tervox_cal_fread(values, 2), expected);
         EXPECT_EQ(values[1], words[1]);
     }
-}
-
-// Runs `body` with permission bits that bind as they bind the audio server.
-int32_t with_permission_bits(const std::function<int32_t()> &body)
-{
-    const tvox::test::PermissionBits bits;
-    return body();
-}
-
-// A rewrite that fails on the device or in the folder keeps the previous file whole.
-class FileReplacementTest : public FilesTest
-{
-  protected:
-    void SetUp() override
-    {
-        FilesTest::SetUp();
-        install_phone();
-        ctx_.cal_bin_path = kPersistBin;
-        ctx_.cal_txt_path = kPersistTxt;
-        ctx_.f0_path = kPersistF0;
-        write_file(phone(kPersistBin), words_bytes({7000, 7001}));
-        write_file(phone(kPersistTxt), "previous text\n");
-        write_file(phone(kPersistF0), words_bytes({800, 790}));
-    }
-    void expect_previous_files()
-    {
-        EXPECT_EQ(read_file(phone(kPersistBin)), words_bytes({7000, 7001}));
-        EXPECT_EQ(read_file(phone(kPersistTxt)), "previous text\n");
-        EXPECT_EQ(read_file(phone(kPersistF0)), words_bytes({800, 790}));
-        for (const char *path : {kPersistBin, kPersistTxt, kPersistF0})
-            EXPECT_FALSE(std::filesystem::exists(phone(path) + ".new")) << path;
-    }
-
-    static constexpr const char *kPersistBin = "/mnt/vendor/persist/audio/tvox_calr.bin";
-    static constexpr const char *kPersistTxt = "/mnt/vendor/persist/audio/tvox_calr.txt";
-    static constexpr const char *kPersistF0 = "/mnt/vendor/persist/audio/tvox_f0.bin";
-};
-
-TEST_F(FileReplacementTest, AFullDeviceFailsEveryWriteAndKeepsThePreviousFiles)
-{
-    uint32_t values[2] = {8391, 8392};
-    ASSERT_EQ(tool("persist full").status, 0);
-    LogCapture log;
-    EXPECT_EQ(tervox_default_fwrite(values, 2, kPersistBin), -1);
-    EXPECT_EQ(tervox_ascii_fwrite(values, 2, kPersistTxt), -1);
-    EXPECT_EQ(tervox_cal_fwrite(values, 2), -1);
-    EXPECT_EQ(tervox_lines(log, ANDROID_LOG_ERROR),
-              (std::vector<std::string>{
-                  "can't write CAL_R to persist slot!\n",
-                  std::string("can't open ") + kPersistTxt + " \n",
-                  "can't write CAL_R to persist slot!\n",
-                  std::string("can't open ") + kPersistTxt + " \n",
-              }));
-    expect_previous_files();
-    // Reading is not affected.
-    uint32_t stored[2] = {};
-    EXPECT_EQ(tervox_cal_fread(stored, 2), 0);
-    EXPECT_EQ(stored[1], 7001u);
-}
-
-TEST_F(FileReplacementTest, ReadOnlyFoldersAndFilesBehaveAsAnOpenForWritingWould)
-{
-    const std::string folder = std::filesystem::path(phone(kPersistBin)).parent_path();
-    uint32_t values[2] = {8391, 8392};
-    // A file that refuses writing stays as it is, even where the folder would take a new one.
-    chmod(phone(kPersistBin).c_str(), 0444);
-    EXPECT_EQ(with_permission_bits([&] { return tervox_default_fwrite(values, 2, kPersistBin); }),
-              -1);
-    chmod(phone(kPersistBin).c_str(), 0644);
-    chmod(phone(kPersistTxt).c_str(), 0444);
-    EXPECT_EQ(with_permission_bits([&] { return tervox_ascii_fwrite(values, 2, kPersistTxt); }),
-              -1);
-    expect_previous_files();
-
-    // A read-only folder takes no new file, but its writable files are rewritten in place; a file
-    // that is not there cannot be made.
-    chmod(phone(kPersistTxt).c_str(), 0644);
-    chmod(folder.c_str(), 0555);
-    EXPECT_EQ(with_permission_bits([&] { return tervox_cal_fwrite(values, 2); }), 0);
-    EXPECT_EQ(with_permission_bits(
-                  [&] { return tervox_default_fwrite(values, 1, "/mnt/vendor/persist/audio/x"); }),
-              -1);
-    chmod(folder.c_str(), 0755);
-    EXPECT_EQ(read_file(phone(kPersistBin)), words_bytes({8391, 8392}));
-    EXPECT_EQ(read_file(phone(kPersistTxt)), "CH[0] T : 8391 (6.00)\nCH[1] B : 8392 (6.00)\n");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder),
-                            std::filesystem::directory_iterator()),
-              3);
 }
 
 // The diagnostic and the stored-calibration report on the virtual amplifier pair.
