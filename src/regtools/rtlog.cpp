@@ -198,7 +198,7 @@ const char *run(struct mixer *mixer, std::FILE *file, const timespec &period)
         // Each sample is visible at once, to a pipe or a tail of the file as well.
         std::fflush(stdout);
         std::fflush(file);
-        nanosleep(&period, nullptr);
+        tvox::regs::sleep_period(period);
     }
     if (tvox::apply_path(tvox::rtlog_stop_path) != 0)
         return "Failed";
@@ -217,6 +217,7 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
         std::fprintf(stderr, "%s: can't open mixer\n", __func__);
         return 1;
     }
+    const tvox::regs::SamplingLoop loop;
     if (!tvox::regs::catch_sigint())
         return 1;
     const tvox::FileHandle file(std::fopen(kLogPath, "w"));
