@@ -473,7 +473,7 @@ TEST_F(AgmplayTest, OneSigintOnAnotherThreadEndsPlaybackAndTheMonitorTogether)
             const uint64_t frames = stream(100, 100) ? stream(100, 100)->frames_written : 0;
             const Handler last = playback_first ? sig_handler : SIG_IGN;
             std::fflush(stdout);
-            _exit(!started | (monitor_result != 0) << 1 | (play_result != 0) << 2 |
+            _exit((started ? 0 : 1) | (monitor_result != 0) << 1 | (play_result != 0) << 2 |
                   (frames == 0 || frames >= 3u * 48000) << 3 | (sigint_handler() != last) << 4);
         }
         int status = 0;
