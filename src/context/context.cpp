@@ -83,10 +83,11 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
 
 extern "C" int32_t tervox_cal_deinit(struct tervox *ctx)
 {
+    // A run on another thread ends before the HAL may free the record (and before self is
+    // rebound under it); a context that never started a calibration has no thread to join.
+    const int joined = tvox::close_calibrations(ctx);
     tvox::publish(self, "self", ctx);
-    // A run on another thread ends before the HAL may free the record; a context that never
-    // started a calibration has no thread to join.
-    if (tvox::close_calibrations(ctx) < 0)
+    if (joined < 0)
         tvox::log_tervox(tvox::Priority::info, "%s: Unable to join the boot thread",
                          "tervox_cal_deinit");
     return pthread_mutex_destroy(&self->mutex);
