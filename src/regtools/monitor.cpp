@@ -32,7 +32,7 @@ int32_t tervox_regs_monitor(const uint32_t *regs, size_t count, int32_t interval
             if (k == std::numeric_limits<int32_t>::max())
                 tvox::fatal();
         }
-        tvox::regs::sleep_period(period);
+        loop.sleep(period);
     }
     std::printf("monitor registers exit - %s\n", last == 0 ? "OK" : "Failed");
     return 0;

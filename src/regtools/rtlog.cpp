@@ -177,7 +177,8 @@ void print_sample(std::FILE *file)
 }
 
 // Samples until SIGINT; the exit word of the run.
-const char *run(struct mixer *mixer, std::FILE *file, const timespec &period)
+const char *run(const tvox::regs::SamplingLoop &loop, struct mixer *mixer, std::FILE *file,
+                const timespec &period)
 {
     if (tvox::apply_path(tvox::rtlog_setup_path) != 0)
         return "Failed";
@@ -198,7 +199,7 @@ const char *run(struct mixer *mixer, std::FILE *file, const timespec &period)
         // Each sample is visible at once, to a pipe or a tail of the file as well.
         std::fflush(stdout);
         std::fflush(file);
-        tvox::regs::sleep_period(period);
+        loop.sleep(period);
     }
     if (tvox::apply_path(tvox::rtlog_stop_path) != 0)
         return "Failed";
@@ -227,6 +228,6 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
     }
     const timespec period = tvox::regs::sampling_period(interval_ms);
     reset_records();
-    std::printf("rtlog exit - %s\n", run(mixer.get(), file.get(), period));
+    std::printf("rtlog exit - %s\n", run(loop, mixer.get(), file.get(), period));
     return 0;
 }

@@ -11,11 +11,24 @@
 namespace tvox::regs
 {
 
-// A sampling loop in progress: a SIGINT that graph playback's handler catches ends it too.
-class SamplingLoop : interrupt::Running
+// A sampling loop in progress, for the object's lifetime. Its sleeps end at once when SIGINT
+// comes, on whichever thread of the process the signal lands and whichever of the library's
+// handlers catches it (graph playback's too).
+class SamplingLoop
 {
   public:
     SamplingLoop();
+    ~SamplingLoop();
+    SamplingLoop(const SamplingLoop &) = delete;
+    SamplingLoop &operator=(const SamplingLoop &) = delete;
+
+    // Sleeps for the period between samples. A stop requested before the sleep began (while a
+    // sample was taken) lets the whole period pass.
+    void sleep(const timespec &period) const;
+
+  private:
+    interrupt::Running running_;
+    int wake_fd_; // -1 when no slot or descriptor was left: the sleep ends on its own thread only
 };
 
 // interval_ms when it is 1 or more, else one second.
@@ -25,10 +38,5 @@ timespec sampling_period(int32_t interval_ms);
 bool catch_sigint();
 
 bool stop_requested();
-
-// Sleeps for the period between samples. A SIGINT during the sleep ends it at once, on whichever
-// thread of the process the signal lands; a stop requested before the sleep began (while a
-// sample was taken) lets the whole period pass.
-void sleep_period(const timespec &period);
 
 } // namespace tvox::regs
