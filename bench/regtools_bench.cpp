@@ -2,6 +2,9 @@
 //  - how many samples per second tervox_prot_rtlog sustains at a 1 ms interval (one run of a
 //    few seconds, ended by SIGINT as a user ends it; the log stops for good after that, so it
 //    runs once per process);
+//  - how long the register monitor takes to return after SIGINT when the signal lands on another
+//    thread than the one sampling, with a one-hour period (each measurement in a child process of
+//    its own, since the stop is for good);
 //  - one register read through the library (tervox_log_reg_read on one channel: open card 0,
 //    read command, read back, close) beside the same read through alsa-lib's control API.
 // The phone paths are mapped by the simulator's preload: the program re-runs itself with it.
@@ -11,6 +14,7 @@
 #include <alsa/asoundlib.h>
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -19,7 +23,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <pthread.h>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -91,6 +98,65 @@ void rtlog_1ms(benchmark::State &state)
             ++samples;
         state.counters["samples"] = static_cast<double>(samples);
         state.counters["samples_per_s"] = static_cast<double>(samples) / elapsed.count();
+    }
+}
+
+// In a child: the monitor sleeps on a thread that keeps SIGINT blocked; the signal lands on this
+// one. Writes the seconds from the signal to the monitor's return into `result`.
+int measure_sigint_stop(int result)
+{
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    close(null);
+    std::atomic<pid_t> tid{0};
+    std::atomic<int64_t> returned_ns{0};
+    std::thread monitor([&] {
+        sigset_t sigint;
+        sigemptyset(&sigint);
+        sigaddset(&sigint, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
+        tid = gettid();
+        tervox_regs_monitor(nullptr, 0, 3'600'000);
+        returned_ns = std::chrono::steady_clock::now().time_since_epoch().count();
+    });
+    // Asleep in its first period (state S in its stat line).
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::ifstream stat("/proc/self/task/" + std::to_string(tid.load()) + "/stat");
+        const std::string line((std::istreambuf_iterator<char>(stat)), {});
+        const size_t end = line.rfind(')');
+        if (tid != 0 && end != std::string::npos && line.compare(end, 4, ") S ") == 0)
+            break;
+    }
+    const int64_t sent_ns = std::chrono::steady_clock::now().time_since_epoch().count();
+    pthread_kill(pthread_self(), SIGINT);
+    monitor.join();
+    const double seconds = static_cast<double>(returned_ns - sent_ns) * 1e-9;
+    return write(result, &seconds, sizeof seconds) == sizeof seconds ? 0 : 1;
+}
+
+void sigint_stop(benchmark::State &state)
+{
+    for (auto _ : state) {
+        int result[2];
+        if (pipe(result) != 0) {
+            state.SkipWithError("pipe failed");
+            break;
+        }
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(measure_sigint_stop(result[1]));
+        close(result[1]);
+        double seconds = -1;
+        const bool got = read(result[0], &seconds, sizeof seconds) == sizeof seconds;
+        close(result[0]);
+        int status = 0;
+        waitpid(child, &status, 0);
+        if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            state.SkipWithError("the monitor did not report its stop");
+            break;
+        }
+        state.SetIterationTime(seconds);
     }
 }
 
@@ -198,6 +264,10 @@ int main(int argc, char **argv)
     benchmark::RegisterBenchmark("register_read/library", library_read)
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("register_read/alsa_lib", alsa_lib_read)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("sigint_stop/monitor_1h", sigint_stop)
+        ->Iterations(20)
+        ->UseManualTime()
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("rtlog_1ms", rtlog_1ms)
         ->Iterations(1)

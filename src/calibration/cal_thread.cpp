@@ -1,10 +1,11 @@
 #include "calibration/cal_thread.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <condition_variable>
 #include <mutex>
 #include <pthread.h>
+#include <vector>
 
 namespace tvox
 {
@@ -12,42 +13,89 @@ namespace tvox
 namespace
 {
 
-// Contexts whose cal_thread holds a started, not yet joined thread. A HAL has one context, so
-// the table stays tiny; it is fixed so that starting a run never allocates. The lock also orders
-// a join against a concurrent start.
-constexpr size_t kMaxUnjoined = 16;
-std::mutex registry_lock;
-std::array<const struct tervox *, kMaxUnjoined> unjoined = {};
+struct Calibrations {
+    const struct tervox *ctx;
+    int in_progress = 0;
+    bool unjoined = false; // cal_thread holds a started thread
+    bool open = false;     // between init and teardown
+};
 
-int join_locked(struct tervox *ctx)
+// A HAL has one context, so the list stays tiny. An entry lives while its context is open, or
+// while it has a run in progress or a thread to join.
+std::mutex registry_lock;
+std::condition_variable run_ended;
+std::vector<Calibrations> contexts;
+
+std::vector<Calibrations>::iterator find(const struct tervox *ctx)
 {
-    const auto it = std::find(unjoined.begin(), unjoined.end(), ctx);
-    if (ctx == nullptr || it == unjoined.end())
-        return 0;
-    *it = nullptr;
-    return pthread_join(ctx->cal_thread, nullptr);
+    return std::find_if(contexts.begin(), contexts.end(),
+                        [ctx](const Calibrations &c) { return c.ctx == ctx; });
+}
+
+Calibrations &entry(const struct tervox *ctx)
+{
+    const auto it = find(ctx);
+    return it != contexts.end() ? *it : contexts.emplace_back(Calibrations{ctx});
+}
+
+void drop_if_unused(const struct tervox *ctx)
+{
+    const auto it = find(ctx);
+    if (it != contexts.end() && !it->open && it->in_progress == 0 && !it->unjoined)
+        contexts.erase(it);
 }
 
 } // namespace
 
+void open_calibrations(const struct tervox *ctx)
+{
+    std::lock_guard lock(registry_lock);
+    entry(ctx).open = true;
+}
+
+CalibrationInProgress::CalibrationInProgress(const struct tervox *ctx) : ctx_(ctx)
+{
+    std::lock_guard lock(registry_lock);
+    ++entry(ctx).in_progress;
+}
+
+CalibrationInProgress::~CalibrationInProgress()
+{
+    std::lock_guard lock(registry_lock);
+    --entry(ctx_).in_progress;
+    drop_if_unused(ctx_);
+    run_ended.notify_all();
+}
+
 int start_cal_thread(struct tervox *ctx, void *(*body)(void *), void *arg)
 {
     std::lock_guard lock(registry_lock);
-    join_locked(ctx);
-    // With every entry taken the start fails as pthread_create does when it lacks resources.
-    const auto free_entry = std::find(unjoined.begin(), unjoined.end(), nullptr);
-    if (free_entry == unjoined.end())
-        return EAGAIN;
-    const int ret = pthread_create(&ctx->cal_thread, nullptr, body, arg);
-    if (ret == 0)
-        *free_entry = ctx;
+    Calibrations &c = entry(ctx);
+    if (c.unjoined) {
+        pthread_join(ctx->cal_thread, nullptr);
+        c.unjoined = false;
+    }
+    // Teardown has joined what it would join: a torn-down context starts nothing.
+    const int ret = c.open ? pthread_create(&ctx->cal_thread, nullptr, body, arg) : EPERM;
+    c.unjoined = ret == 0;
+    drop_if_unused(ctx);
     return ret;
 }
 
-int join_cal_thread(struct tervox *ctx)
+int close_calibrations(struct tervox *ctx)
 {
-    std::lock_guard lock(registry_lock);
-    return join_locked(ctx);
+    std::unique_lock lock(registry_lock);
+    if (find(ctx) == contexts.end())
+        return 0;
+    // A run in progress may still start its playback thread: it is joined below.
+    run_ended.wait(lock, [ctx] { return entry(ctx).in_progress == 0; });
+    entry(ctx).open = false;
+    const bool unjoined = entry(ctx).unjoined;
+    const pthread_t thread = ctx->cal_thread;
+    entry(ctx).unjoined = false;
+    drop_if_unused(ctx);
+    lock.unlock();
+    return unjoined ? pthread_join(thread, nullptr) : 0;
 }
 
 } // namespace tvox

@@ -103,6 +103,7 @@ extern "C" void *tervox_calibration_thread(void *)
 extern "C" int32_t tervox_cal_calibration_online(void)
 {
     constexpr const char *kFunction = "tervox_cal_calibration_online";
+    const tvox::CalibrationInProgress in_progress(self);
     tvox::apply_path(tvox::amp_on_dsp_path);
     if (tvox::start_cal_thread(self, tervox_calibration_thread, self) != 0)
         tvox::log_tervox(tvox::Priority::error, "%s: create calib thread failed", kFunction);
@@ -137,6 +138,7 @@ extern "C" int32_t tervox_cal_calibration_online(void)
 extern "C" int32_t tervox_cal_calibration(void)
 {
     constexpr const char *kFunction = "tervox_cal_calibration";
+    const tvox::CalibrationInProgress in_progress(self);
     if (amps_active()) {
         tvox::log_tervox(tvox::Priority::error, "%s: AMP is active, abort calibration!\n",
                          kFunction);
@@ -165,6 +167,8 @@ extern "C" int32_t tervox_cal_run_calibration(void)
 {
     constexpr const char *kFunction = "tervox_cal_run_calibration";
     struct tervox *ctx = self;
+    // Teardown waits for this run: it writes into the record up to its return.
+    const tvox::CalibrationInProgress in_progress(ctx);
     // A plain word in the record, so a HAL sees 0, 1 or 2; atomic access keeps a refused
     // concurrent call well defined.
     uint32_t &state = ctx->cal_state;

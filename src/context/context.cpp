@@ -77,14 +77,17 @@ extern "C" int32_t tervox_cal_init(struct tervox *ctx)
     ctx->cal_fwrite = tervox_cal_fwrite;
     ctx->cal_fread = tervox_cal_fread;
     ctx->diag_mode = 0;
+    tvox::open_calibrations(ctx);
     return pthread_mutex_init(&ctx->mutex, nullptr);
 }
 
 extern "C" int32_t tervox_cal_deinit(struct tervox *ctx)
 {
+    // A run on another thread ends before the HAL may free the record (and before self is
+    // rebound under it); a context that never started a calibration has no thread to join.
+    const int joined = tvox::close_calibrations(ctx);
     tvox::publish(self, "self", ctx);
-    // A context that never started a calibration has no thread to join.
-    if (tvox::join_cal_thread(ctx) < 0)
+    if (joined < 0)
         tvox::log_tervox(tvox::Priority::info, "%s: Unable to join the boot thread",
                          "tervox_cal_deinit");
     return pthread_mutex_destroy(&self->mutex);

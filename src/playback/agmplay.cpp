@@ -6,6 +6,7 @@
 #include "mixer/mixer_handle.h"
 #include "playback/handles.h"
 #include "playback/wav_header.h"
+#include "util/interrupt.h"
 
 #include <agmmixer.h>
 #include <android/log.h>
@@ -30,6 +31,12 @@ constexpr unsigned int kInstanceKey = 1;
 // process stops after its first buffer.
 std::atomic<bool> g_stop{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the flag is written by a signal handler");
+
+// stream_close's effect on the loop; async-signal-safe.
+void stop_playback()
+{
+    g_stop.store(true);
+}
 
 // The stream's connection to its back end; dropped on every path that made it.
 class Connection
@@ -158,6 +165,7 @@ void play_through_graph(const struct tervox &ctx, std::FILE *file, const tvox::W
         return;
     }
 
+    const tvox::interrupt::Running playing(tvox::interrupt::Loop::playback, stop_playback);
     std::signal(SIGINT, stream_close);
     // The whole rest of the file plays, whatever the data chunk's size says.
     for (;;) {
@@ -181,8 +189,10 @@ extern "C" {
 
 void stream_close(int32_t sig)
 {
+    const tvox::interrupt::SavedErrno saved;
     std::signal(sig, SIG_IGN);
-    g_stop.store(true);
+    stop_playback();
+    tvox::interrupt::stop_others(tvox::interrupt::Loop::playback);
 }
 
 int32_t tervox_agmplay(struct tervox *ctx)

@@ -20,6 +20,7 @@ extern "C" {
 
 int32_t tervox_regs_monitor(const uint32_t *regs, size_t count, int32_t interval_ms)
 {
+    const tvox::regs::SamplingLoop loop;
     if (!tvox::regs::catch_sigint())
         return 1;
     const timespec period = tvox::regs::sampling_period(interval_ms);
@@ -31,7 +32,7 @@ int32_t tervox_regs_monitor(const uint32_t *regs, size_t count, int32_t interval
             if (k == std::numeric_limits<int32_t>::max())
                 tvox::fatal();
         }
-        nanosleep(&period, nullptr);
+        loop.sleep(period);
     }
     std::printf("monitor registers exit - %s\n", last == 0 ? "OK" : "Failed");
     return 0;

@@ -182,7 +182,8 @@ void print_sample(std::FILE *file)
 }
 
 // Samples until SIGINT; the exit word of the run.
-const char *run(struct mixer *mixer, std::FILE *file, const timespec &period)
+const char *run(const tvox::regs::SamplingLoop &loop, struct mixer *mixer, std::FILE *file,
+                const timespec &period)
 {
     if (tvox::apply_path(tvox::rtlog_setup_path) != 0)
         return "Failed";
@@ -203,7 +204,7 @@ const char *run(struct mixer *mixer, std::FILE *file, const timespec &period)
         // Each sample is visible at once, to a pipe or a tail of the file as well.
         std::fflush(stdout);
         std::fflush(file);
-        nanosleep(&period, nullptr);
+        loop.sleep(period);
     }
     if (tvox::apply_path(tvox::rtlog_stop_path) != 0)
         return "Failed";
@@ -222,6 +223,7 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
         std::fprintf(stderr, "%s: can't open mixer\n", __func__);
         return 1;
     }
+    const tvox::regs::SamplingLoop loop;
     if (!tvox::regs::catch_sigint())
         return 1;
     const tvox::FileHandle file(std::fopen(kLogPath, "we"));
@@ -233,6 +235,7 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
     // Without its buffers the log cannot run: refused like a file that does not open.
     if (!reset_records())
         return -1;
-    std::printf("rtlog exit - %s\n", run(mixer.get(), file.get(), period));
+    std::printf("rtlog exit - %s
+", run(loop, mixer.get(), file.get(), period));
     return 0;
 }

@@ -8,7 +8,8 @@
 // names such a variable directly may get a copy relocation (GCC's position-independent
 // executables do). The process then uses the program's copy, which the dynamic linker filled once
 // at start-up: the library repeats its writes there (publish), and reads a variable that the
-// program may write from there (live).
+// program may write from there (live). The copy is found by the program's own copy relocations,
+// never by name alone: a program's unrelated global of the same name is not ours to touch.
 //
 // To add an exported variable: define it in its subsystem and list it in that subsystem's
 // exports.txt; write it only through publish(variable, "name", value), and where outside code may
@@ -23,21 +24,21 @@
 namespace tvox
 {
 
-// The program's copy of the exported variable `name` whose own definition is at `own`, or null
-// when the process reads the library's own definition, or another library's variable of that name.
-void *program_copy_of(const void *own, const char *name);
+// The program's copy of the exported variable `name` (its copy relocation), or null when the
+// program has none.
+void *program_copy_of(const char *name);
 
 template <typename T> void publish(T &own, const char *name, std::type_identity_t<T> value)
 {
     atomic_store(own, value);
-    if (void *copy = program_copy_of(&own, name))
+    if (void *copy = program_copy_of(name))
         atomic_store(*static_cast<T *>(copy), value);
 }
 
 // The definition the process uses: the program's copy, or else the library's own.
 template <typename T> T &live(T &own, const char *name)
 {
-    void *copy = program_copy_of(&own, name);
+    void *copy = program_copy_of(name);
     return copy != nullptr ? *static_cast<T *>(copy) : own;
 }
 

@@ -265,15 +265,15 @@ TEST(ContextInit, AProgramsCopyOfSelfFollowsTheContext)
     EXPECT_EQ(*own, &first);
     EXPECT_EQ(tervox_cal_deinit(&second), 0);
 
-    EXPECT_EQ(tvox::program_copy_of(own, "self"), &self);
+    EXPECT_EQ(tvox::program_copy_of("self"), &self);
     self = &second;
     EXPECT_EQ(tvox::live(*own, "self"), &second);
     EXPECT_EQ(&tvox::live(*own, "self"), &self);
     // tervox_this lives in the library only, and a name nobody defines has no copy.
     void **this_slot = library_symbol<void *>("tervox_this");
     ASSERT_NE(this_slot, nullptr);
-    EXPECT_EQ(tvox::program_copy_of(this_slot, "tervox_this"), nullptr);
-    EXPECT_EQ(tvox::program_copy_of(own, "tvoxsp_no_such_name"), nullptr);
+    EXPECT_EQ(tvox::program_copy_of("tervox_this"), nullptr);
+    EXPECT_EQ(tvox::program_copy_of("tvoxsp_no_such_name"), nullptr);
     void *other = nullptr;
     EXPECT_EQ(&tvox::live(other, "tervox_this"), &other);
     self = nullptr;

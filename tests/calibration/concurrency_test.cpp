@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <pthread.h>
 
 namespace
@@ -36,6 +37,13 @@ int32_t held_playback(struct tervox *)
 {
     g_entered->set_value();
     g_release.wait();
+    return 0;
+}
+
+// Tells the test that the run has reached its playback, and returns at once.
+int32_t announcing_playback(struct tervox *)
+{
+    g_entered->set_value();
     return 0;
 }
 
@@ -105,6 +113,38 @@ TEST_F(ConcurrencyTest, OnlineRunsLeaveNoThreadOrDescriptorBehind)
     EXPECT_EQ(tervox_cal_deinit(&ctx_), 0); // joins the last run's thread
     EXPECT_EQ(tvox::test::running_threads(), threads_);
     EXPECT_EQ(tvox::test::open_descriptors(), descriptors_);
+    ASSERT_EQ(tervox_cal_init(&ctx_), 0); // for the fixture's own deinit
+}
+
+// A HAL tears the context down while another of its threads runs a calibration, then frees the
+// record: teardown returns only once the run has ended. A run made after teardown starts no
+// playback thread, which nobody would join.
+TEST_F(ConcurrencyTest, TeardownWaitsForARunAndStartsNoThreadAfterIt)
+{
+    auto hal_ctx = std::make_unique<struct tervox>();
+    ASSERT_EQ(tervox_cal_init(hal_ctx.get()), 0);
+    hal_ctx->diag_mode = 1; // a quick run: it fails and sleeps 0.5 s before its last writes
+    hal_ctx->playback = announcing_playback;
+    std::promise<void> entered;
+    g_entered = &entered;
+    LogCapture log;
+    auto run = std::async(std::launch::async, [] { return tervox_cal_run_calibration(); });
+    entered.get_future().wait();
+    EXPECT_EQ(tervox_cal_deinit(hal_ctx.get()), 0);
+    // The run's last words, after its last writes into the record.
+    EXPECT_TRUE(log.contains("tervox_cal_run_calibration: Tried -1 times, ret = 8, state = 0\n"))
+        << "teardown returned while the run was still writing into the record";
+    hal_ctx.reset();
+    EXPECT_EQ(run.get(), 8);
+
+    ASSERT_EQ(tervox_cal_init(&ctx_), 0);
+    ASSERT_EQ(tervox_cal_deinit(&ctx_), 0);
+    ctx_.playback = recording_playback;
+    log.clear();
+    EXPECT_NE(tervox_cal_run_calibration(), 0) << "nothing played for the firmware";
+    EXPECT_EQ(g_playbacks, 0);
+    EXPECT_TRUE(log.contains("tervox_cal_calibration_online: create calib thread failed"));
+    EXPECT_EQ(tvox::test::running_threads(), threads_);
     ASSERT_EQ(tervox_cal_init(&ctx_), 0); // for the fixture's own deinit
 }
 

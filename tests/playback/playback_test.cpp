@@ -10,15 +10,20 @@
 #include <algorithm>
 #include <alsa/asoundlib.h>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <tinyalsa/asoundlib.h>
@@ -389,6 +394,101 @@ TEST_F(AgmplayTest, SigintStopsPlaybackForGood)
         << "the second playback wrote one buffer";
     const Names names = written_controls();
     EXPECT_EQ(std::count(names.begin(), names.end(), "PCM100 disconnect"), 2);
+}
+
+// The thread `tid` of this process is asleep (or blocked).
+bool sleeping(pid_t tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    const std::string line((std::istreambuf_iterator<char>(stat)), {});
+    const size_t end = line.rfind(')');
+    return end != std::string::npos && line.compare(end, 4, ") S ") == 0;
+}
+
+// Waits up to 10 s for `done`; a loop that never gets going must not hang the test.
+template <typename Done> bool wait_for(Done done)
+{
+    for (int i = 0; i < 1000 && !done(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
+}
+
+using Handler = void (*)(int);
+
+Handler sigint_handler()
+{
+    struct sigaction action {
+    };
+    sigaction(SIGINT, nullptr, &action);
+    return action.sa_handler;
+}
+
+// Graph playback and the register monitor (a one-hour period) on two threads of a HAL that keep
+// SIGINT blocked, one started after the other: its handler is the one installed. One SIGINT,
+// landing on a third thread, ends both at once; the handler that caught it keeps its own effect
+// (the playback's ignores later SIGINTs). Each order runs in a child: the stops are for good.
+TEST_F(AgmplayTest, OneSigintOnAnotherThreadEndsPlaybackAndTheMonitorTogether)
+{
+    for (const bool playback_first : {true, false}) {
+        const std::string out_path = sim_dir() + "/child.out";
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // a loop that never ends dies with the test
+            const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(out, 1);
+            sigset_t sigint;
+            sigemptyset(&sigint);
+            sigaddset(&sigint, SIGINT);
+            struct tervox &ctx = context("/odm/etc/audio/silent-3sec.wav");
+            std::atomic<pid_t> monitor_tid{0};
+            int32_t monitor_result = -1, play_result = -1;
+            const auto monitor = [&] {
+                pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
+                monitor_tid = gettid();
+                monitor_result = tervox_regs_monitor(nullptr, 0, 3'600'000);
+            };
+            const auto play = [&] {
+                pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
+                play_result = tervox_agmplay(&ctx);
+            };
+            const auto monitor_sleeps = [&] {
+                return sigint_handler() == sig_handler && monitor_tid != 0 && sleeping(monitor_tid);
+            };
+            const auto playing = [] { return sigint_handler() == stream_close; };
+            struct Loop {
+                std::function<void()> run;
+                std::function<bool()> started;
+            };
+            const Loop loops[] = {{play, playing}, {monitor, monitor_sleeps}};
+            const Loop &first = loops[playback_first ? 0 : 1];
+            const Loop &second = loops[playback_first ? 1 : 0];
+            std::thread first_thread(first.run);
+            bool started = wait_for(first.started);
+            std::thread second_thread(second.run);
+            started = wait_for(second.started) && started;
+            kill(getpid(), SIGINT);
+            first_thread.join();
+            second_thread.join();
+            const uint64_t frames = stream(100, 100) ? stream(100, 100)->frames_written : 0;
+            const Handler last = playback_first ? sig_handler : SIG_IGN;
+            std::fflush(stdout);
+            _exit((started ? 0 : 1) | (monitor_result != 0) << 1 | (play_result != 0) << 2 |
+                  (frames == 0 || frames >= 3u * 48000) << 3 | (sigint_handler() != last) << 4);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0)
+            << "playback first: " << playback_first
+            << "; 1: loops not started, 2: monitor result, 4: playback result, 8: playback "
+               "not cut short, 16: handler left installed";
+        std::ifstream file(out_path);
+        const std::string out((std::istreambuf_iterator<char>(file)), {});
+        EXPECT_NE(out.find("shutdown\n"), std::string::npos) << out;
+        EXPECT_EQ(out.find("shutdown\n"), out.rfind("shutdown\n")) << "one SIGINT, one message";
+        EXPECT_NE(out.find("monitor registers exit - OK\n"), std::string::npos) << out;
+    }
 }
 
 } // namespace

@@ -7,10 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <functional>
+#include <poll.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -26,7 +29,8 @@ std::function<void(size_t)> g_during_sleep;
 
 } // namespace
 
-extern "C" int nanosleep(const timespec *request, timespec *)
+// The sampling loops sleep in ppoll (a descriptor wakes them when SIGINT lands on another thread).
+extern "C" int ppoll(pollfd *, nfds_t, const timespec *request, const sigset_t *)
 {
     g_sleeps.push_back(*request);
     if (g_during_sleep)
@@ -410,6 +414,46 @@ TEST_F(RegToolsTest, MonitorExitWordIsTheLastReadsResult)
     EXPECT_EQ(tervox_regs_monitor(regs, 1, 250), 0);
     EXPECT_EQ(out.text(), "shutdown\nmonitor registers exit - Failed\n");
     EXPECT_EQ(g_sleeps[0].tv_nsec, 250'000'000);
+}
+
+// Graph playback installs its handler while the monitor runs: the SIGINT it catches ends the
+// monitor too, and keeps the playback handler's own effect (later SIGINTs are ignored).
+TEST_F(RegToolsTest, PlaybacksHandlerEndsTheMonitorToo)
+{
+    g_during_sleep = [](size_t n) {
+        if (n == 1) {
+            std::signal(SIGINT, stream_close);
+            std::raise(SIGINT);
+        } else {
+            ADD_FAILURE() << "the monitor slept on after the SIGINT";
+            sig_handler(SIGINT);
+        }
+    };
+    StreamCapture out(1);
+    EXPECT_EQ(tervox_regs_monitor(nullptr, 0, 1), 0);
+    EXPECT_EQ(out.text(), "shutdown\nmonitor registers exit - OK\n");
+    struct sigaction action {
+    };
+    sigaction(SIGINT, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_IGN);
+}
+
+// Both handlers leave errno as the interrupted code had it, also when their own calls fail
+// (standard output closed; a signal that cannot be ignored).
+TEST_F(RegToolsTest, HandlersKeepErrno)
+{
+    const int out = dup(1);
+    close(1);
+    errno = EDOM;
+    sig_handler(SIGINT);
+    const int after_sampling = errno;
+    errno = ERANGE;
+    stream_close(SIGKILL);
+    const int after_playback = errno;
+    dup2(out, 1);
+    close(out);
+    EXPECT_EQ(after_sampling, EDOM);
+    EXPECT_EQ(after_playback, ERANGE);
 }
 
 TEST_F(RegToolsTest, InfoListsTheChannelLabels)
