@@ -235,7 +235,6 @@ extern "C" int32_t tervox_prot_rtlog(int32_t interval_ms)
     // Without its buffers the log cannot run: refused like a file that does not open.
     if (!reset_records())
         return -1;
-    std::printf("rtlog exit - %s
-", run(loop, mixer.get(), file.get(), period));
+    std::printf("rtlog exit - %s\n", run(loop, mixer.get(), file.get(), period));
     return 0;
 }
