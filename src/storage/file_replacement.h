@@ -7,8 +7,7 @@
 
 #include "util/file_handle.h"
 
-#include <array>
-#include <climits>
+#include <string>
 
 namespace tvox
 {
@@ -29,10 +28,8 @@ class FileReplacement
     bool commit();
 
   private:
-    // No allocation, so that running out of memory cannot throw: the caller's path outlives
-    // the object, and the file beside it fits PATH_MAX or is not made.
-    const char *path_;
-    std::array<char, PATH_MAX> temp_ = {}; // empty when writing in place
+    std::string path_;
+    std::string temp_; // empty when writing in place
     FileHandle file_;
 };
 
