@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -139,8 +140,13 @@ void sync_folder(const std::string &path)
 
 } // namespace
 
-FileReplacement::FileReplacement(const char *path, const char *mode) : path_(path)
+FileReplacement::FileReplacement(const char *path, const char *mode)
 {
+    // A path no system call takes fails as its open would, before it is copied: a huge one must
+    // not end the process for want of memory.
+    if (path == nullptr || ::strnlen(path, PATH_MAX) >= PATH_MAX)
+        return;
+    path_ = path;
     // Opening the file as it stands, never through a link nor waiting for a FIFO's reader,
     // tells whether fopen would be refused and what the replacement must keep. A link or a
     // FIFO without a reader is replaced like a missing file.

@@ -254,7 +254,11 @@ TEST_F(DriverTest, FileThatCannotBeReadWholeSendsNothing)
         GTEST_SKIP() << "strace cannot trace processes here";
     const auto [blocks, blocks_words] = file_of(std::vector<size_t>(60, 90));
     const auto [left, left_words] = file_of({3000});
-    const std::string rx = folder_file("rx.txt", "QORA_CONFIG_RX_LEFT " + left);
+    // Both receive blocks: the tool refuses a left block alone before reading further.
+    const std::string rx = folder_file("rx.txt", "QORA_CONFIG_RX_LEFT " + left +
+                                                     "QORA_CONFIG_RX_RIGHT 3,7,1987764275\n");
+    std::vector<uint32_t> rx_words = left_words;
+    rx_words.insert(rx_words.end(), {3, 7, 0x767AE033});
     const std::string lines = folder_file("lines.txt", blocks);
     const std::pair<std::string, std::string> loads[] = {
         {"load", rx}, {"delta", lines}, {"params", lines}, {"check", lines}};
@@ -268,7 +272,7 @@ TEST_F(DriverTest, FileThatCannotBeReadWholeSendsNothing)
     }
     // Read whole, the same files load.
     EXPECT_EQ(tvoxsp("tuning load " + rx).status, 0);
-    EXPECT_EQ(config(kRxConfig), left_words);
+    EXPECT_EQ(config(kRxConfig), rx_words);
     EXPECT_EQ(tvoxsp("tuning delta " + lines).status, 0);
     EXPECT_EQ(config(kDelta), blocks_words);
 }
