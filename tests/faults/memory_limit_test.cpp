@@ -55,7 +55,9 @@ bool limit_memory()
     const bool read = statm != nullptr && std::fscanf(statm, "%llu", &pages) == 1;
     if (statm != nullptr)
         std::fclose(statm);
-    const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + kHeadroom,
+    // rlim_t is 32 bits on a 32-bit ABI: the sum is made there, not in the page count's type.
+    const rlimit limit{static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) +
+                           kHeadroom,
                        RLIM_INFINITY};
     return read && setrlimit(RLIMIT_AS, &limit) == 0;
 #endif
