@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 
@@ -130,6 +131,18 @@ class MemoryLimitTest : public tvox::test::SimContextTest
 
 TEST_F(MemoryLimitTest, EveryEntryPointAnswersWhenMemoryRunsOut)
 {
+    // User-mode emulation (qemu) reserves its guest's address space itself, so an address-space
+    // limit set by the guest never makes an allocation fail: the test has nothing to show there.
+    const std::vector<Call> probe = {{"probe",
+                                      [] {
+                                          void *volatile block = std::malloc(4 * kHeadroom);
+                                          const bool got = block != nullptr;
+                                          std::free(block);
+                                          return got ? 1 : 0;
+                                      },
+                                      0}};
+    if (answers_under_limit(probe) != "probe 0\n")
+        GTEST_SKIP() << "an address-space limit does not make allocations fail here (emulation)";
     install_phone();
     // One token as a value, a name or path nothing can hold, a line no buffer can take.
     const LargeText large(' ', kLarge);
