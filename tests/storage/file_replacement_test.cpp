@@ -262,8 +262,8 @@ TEST_F(FileReplacementTest, AWriterKilledAtAnySystemCallLeavesWholeFiles)
     size_t held = 0;
     for (;; ++points) {
         write_previous_files();
-        const tvox::test::TracedRun run = tvox::test::run_traced(
-            write, [points](pid_t, size_t call) { return call <= points; });
+        const tvox::test::TracedRun run =
+            tvox::test::run_traced(write, [points](pid_t, size_t call) { return call <= points; });
         if (!run.killed) {
             EXPECT_TRUE(exited_with(run.status, 0));
             break;
