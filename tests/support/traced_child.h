@@ -11,9 +11,10 @@ namespace tvox::test
 {
 
 struct TracedRun {
-    size_t calls = 0;    // system calls the child entered
-    bool killed = false; // ended by `at_call` rather than by itself
-    int status = 0;      // its wait status
+    size_t calls = 0;         // system calls the child entered
+    bool killed = false;      // ended by `at_call` rather than by itself
+    int status = 0;           // its wait status
+    bool untraceable = false; // the system lets no process trace it (qemu user-mode emulation)
 };
 
 // Runs `body` in a forked child that exits with its result. `at_call(pid, n)` sees the child
@@ -22,7 +23,7 @@ struct TracedRun {
 TracedRun run_traced(const std::function<int()> &body,
                      const std::function<bool(pid_t, size_t)> &at_call);
 
-// The wait status of `body` run in a child process, as above without stopping it.
+// The wait status of `body` run in a forked child that exits with its result (not traced).
 int run_in_child(const std::function<int()> &body);
 
 } // namespace tvox::test
