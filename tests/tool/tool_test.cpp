@@ -109,6 +109,7 @@ struct Snapshot {
 class TvoxspFailureTest : public TvoxspToolTest
 {
   public:
+    using SimTest::phone;
     using SimTest::preset_ints;
     using SimTest::record_stream;
     using SimTest::set_speaker;
@@ -269,6 +270,14 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
          "Device or resource busy", false},
         {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 0, 0); },
          "play " + phone("/sdcard/Music/lrp_loop.wav"), "Device or resource busy", false},
+        {"",
+         [](TvoxspFailureTest &t) {
+             std::ofstream(t.phone("/odm/etc/backend_conf.xml")) << "<backend_conf";
+         },
+         "play --graph",
+         "was not played through the graph of TDM-LPAIF-RX-SECONDARY: Invalid input, entry not "
+         "found",
+         false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command + " " + c.fault);
@@ -292,18 +301,36 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
     }
 }
 
-// Ctrl-C ends a calibration at once, stores nothing and leaves both amplifiers off.
+// Ctrl-C ends a calibration or a diagnostic at once, stores nothing and leaves both amplifiers
+// off.
 TEST_F(TvoxspFailureTest, CtrlCEndsACalibration)
 {
-    const CommandResult result =
-        run_command(TVOXSP_TOOL_PATH " calibrate & sleep 1; kill -INT $!; wait $!");
+    for (const std::string run : {"calibrate", "diagnose"}) {
+        SCOPED_TRACE(run);
+        const CommandResult result =
+            run_command(TVOXSP_TOOL_PATH " " + run + " & sleep 1; kill -INT $!; wait $!");
+        EXPECT_EQ(result.status, 1) << result.output;
+        const std::string what = run == "calibrate" ? "calibration" : "diagnostic";
+        EXPECT_TRUE(contains(result.output, what + " interrupted: nothing was stored; both "
+                                                   "amplifiers are off"))
+            << result.output;
+        EXPECT_FALSE(std::filesystem::exists(phone("/mnt/vendor/persist/audio/tvox_calr.bin")));
+        for (const char *amp : {"T AMP Enable Switch", "B AMP Enable Switch"})
+            EXPECT_EQ(int_values(0, amp), std::vector<long>{0}) << amp;
+    }
+}
+
+// A monitor whose register control is missing fails when it is stopped, saying that the zeros
+// it printed were never read.
+TEST_F(TvoxspFailureTest, AMonitorWithoutItsRegisterControlFails)
+{
+    ASSERT_EQ(tool("control remove 'B AMP WR Registers'").status, 0);
+    const CommandResult result = run_command(
+        TVOXSP_TOOL_PATH " monitor --interval 100 0x2020 2>&1 & sleep 1; kill -INT $!; wait $!");
     EXPECT_EQ(result.status, 1) << result.output;
-    EXPECT_TRUE(contains(result.output, "calibration interrupted: nothing was stored; both "
-                                        "amplifiers are off"))
+    EXPECT_TRUE(contains(result.output, "monitor: the register control refused the request: the "
+                                        "values shown were not read"))
         << result.output;
-    EXPECT_FALSE(std::filesystem::exists(phone("/mnt/vendor/persist/audio/tvox_calr.bin")));
-    for (const char *amp : {"T AMP Enable Switch", "B AMP Enable Switch"})
-        EXPECT_EQ(int_values(0, amp), std::vector<long>{0}) << amp;
 }
 
 // The report marks what is stored but not in use, and stored files that hold no calibration.
