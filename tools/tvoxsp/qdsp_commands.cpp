@@ -406,8 +406,6 @@ int load(const Loader &loader, const char *path, bool force)
     return 0;
 }
 
-} // namespace
-
 int slot(Args args)
 {
     const std::string_view action = args.empty() ? "" : args[0];
@@ -442,7 +440,7 @@ int slot(Args args)
     return 0;
 }
 
-int tuning(Args args)
+int tuning_command(Args args)
 {
     const bool force = args.size() == 3 && std::string_view(args[1]) == "--force";
     if (args.size() != (force ? 3u : 2u))
@@ -490,6 +488,30 @@ int module(Args args)
     const size_t mark = library_log_mark();
     tervox_qdsp_enable(*on ? 1 : 0);
     return driver_status(mark, 1);
+}
+
+constexpr std::array kQdspCommands = {
+    Command{"slot", "read | write CAL_R_T CAL_R_B",
+            "fetch or store both CAL_R values in the driver's calibration slot", slot, "",
+            "tvoxsp slot write 8391 8391"},
+    Command{"tuning", "load|delta|params [--force] FILE | check|seal FILE",
+            "send a receive configuration, delta or module parameter file to the protection "
+            "module; check: list its blocks as the library judges them; seal: print it with "
+            "sizes and CRCs recomputed; --force sends a file whose only faults are cosmetic",
+            tuning_command,
+            "--force  send a file whose only faults are cosmetic (tokens after the CRC)",
+            "tvoxsp tuning check delta.txt && tvoxsp tuning delta delta.txt"},
+    Command{"module", "on|off | swap on|off | config TYPE",
+            "switch the protection module, swap its channels, select a configuration type "
+            "(TYPE 0 or 1)",
+            module, "", "tvoxsp module config 1"},
+};
+
+} // namespace
+
+std::span<const Command> qdsp_commands()
+{
+    return kQdspCommands;
 }
 
 } // namespace tvoxsp

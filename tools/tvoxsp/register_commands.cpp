@@ -46,7 +46,7 @@ int without_arguments(Args args, int32_t (*operation)())
     // The paths behind these give -22 when card 0 does not open; the tool then says why.
     const int32_t result = operation();
     if (result == kNoMixer && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     return zero_is_success(result);
 }
 
@@ -56,7 +56,7 @@ int registers(int32_t result, StreamTap &errors, const char *what)
 {
     if (result == 1) {
         card0_opens();
-        return kFailed;
+        return kNoDevice;
     }
     if (!setter_refused(errors.text()))
         return zero_is_success(result);
@@ -102,7 +102,7 @@ int rtlog(Args args)
         std::free(std::exchange(channel.line, nullptr));
     }
     if (result == 1 && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     if (result == 0 && !out.saw("rtlog exit - Failed"))
         return 0;
     std::fprintf(stderr, "tvoxsp: the live log failed: %s\n",
@@ -147,7 +147,7 @@ int bypass(Args args)
         return kUsage;
     Session session;
     if (!card0_opens())
-        return kFailed;
+        return kNoDevice;
     return controls_written([&] { return tervox_dsp_bypass(channel, *on ? 1 : 0); },
                             "the amplifiers' source was not switched");
 }

@@ -57,7 +57,7 @@ template <typename Call> int controls_written(Call call, const char *what)
     const int32_t result = call();
     const bool refused = setter_refused(errors.text());
     if (result == kNoMixer && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     if (result == 0 && !refused)
         return 0;
     std::fprintf(stderr, "tvoxsp: %s: %s\n", what,
