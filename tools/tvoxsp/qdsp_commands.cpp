@@ -4,6 +4,7 @@
 #include "arguments.h"
 #include "command.h"
 #include "library_log.h"
+#include "output.h"
 #include "qdsp/block_crc.h"
 #include "qdsp/tuning_block.h"
 #include "stream_tap.h"
@@ -406,16 +407,24 @@ int load(const Loader &loader, const char *path, bool force)
     return 0;
 }
 
+// "cal_r": [T, B].
+void slot_json(const uint32_t (&values)[2])
+{
+    Json::Value cal_r(Json::arrayValue);
+    for (const uint32_t value : values)
+        cal_r.append(value);
+    result()["cal_r"] = cal_r;
+}
+
 int slot(Args args)
 {
     const std::string_view action = args.empty() ? "" : args[0];
     if (action == "read" && args.size() == 1) {
         uint32_t values[2] = {};
-        if (tervox_cal_slot_read(values, 2) != 0) {
-            std::fprintf(stderr, "tvoxsp: the calibration slot cannot be read\n");
-            return kFailed;
-        }
+        if (tervox_cal_slot_read(values, 2) != 0)
+            return fail(kFailed, "the calibration slot cannot be read");
         std::printf("CAL_R T: %" PRIu32 "\nCAL_R B: %" PRIu32 "\n", values[0], values[1]);
+        slot_json(values);
         return 0;
     }
     if (action != "write" || args.size() != 3)
@@ -433,10 +442,9 @@ int slot(Args args)
         }
         values[channel] = *value;
     }
-    if (tervox_cal_slot_write(values, 2) < 0) {
-        std::fprintf(stderr, "tvoxsp: the calibration slot cannot be written\n");
-        return kFailed;
-    }
+    if (tervox_cal_slot_write(values, 2) < 0)
+        return fail(kFailed, "the calibration slot cannot be written");
+    slot_json(values);
     return 0;
 }
 
