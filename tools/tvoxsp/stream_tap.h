@@ -7,6 +7,7 @@
 #include "command.h"
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -19,8 +20,13 @@ namespace tvoxsp
 class StreamTap
 {
   public:
-    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called.
-    explicit StreamTap(int fd);
+    // A whole line the call printed, without its newline.
+    using LineHandler = std::function<void(std::string_view line)>;
+
+    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called. With
+    // `on_line`, nothing passes through: each line goes to the handler instead (on the tap's
+    // thread).
+    explicit StreamTap(int fd, LineHandler on_line = {});
     ~StreamTap();
     StreamTap(const StreamTap &) = delete;
     StreamTap &operator=(const StreamTap &) = delete;
@@ -36,6 +42,8 @@ class StreamTap
     int fd_;
     int saved_ = -1;
     int write_end_ = -1;
+    LineHandler on_line_;
+    std::string partial_; // the handler's line so far
     std::thread reader_;
     std::mutex mutex_;
     std::string seen_;
