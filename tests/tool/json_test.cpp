@@ -252,3 +252,47 @@ TEST_F(TvoxspJsonTest, MonitorSamplesTheRegistersItIsGiven)
 }
 
 } // namespace
+
+namespace
+{
+
+// Every control tvoxsp lists holds, value for value, what the simulator stores; get by id and
+// set agree with it.
+TEST_F(TvoxspJsonTest, ControlsGetAndSetShowTheSimulatorsValues)
+{
+    preset_enum(0, "T PCM Source", "DSP");
+    const Json::Value listing = checked("controls -D 0", 0);
+    EXPECT_EQ(listing["card"].asInt(), 0);
+    const Json::Value &controls = listing["controls"];
+    ASSERT_GT(controls.size(), 20u);
+    for (Json::ArrayIndex i = 0; i < controls.size(); ++i) {
+        const Json::Value &control = controls[i];
+        const std::string name = control["name"].asString();
+        SCOPED_TRACE(name);
+        EXPECT_EQ(control["id"].asUInt(), i);
+        ASSERT_EQ(control["values"].size(), control["count"].asUInt());
+        const std::string type = control["type"].asString();
+        for (Json::ArrayIndex v = 0; v < control["values"].size(); ++v) {
+            const Json::Value &value = control["values"][v];
+            if (type == "ENUM")
+                EXPECT_EQ(value.asString(), enum_item(0, name, v));
+            else if (type == "BYTE")
+                EXPECT_EQ(value.asUInt(), bytes(0, name)[v]);
+            else
+                EXPECT_EQ(value.asInt64(), int_values(0, name)[v]);
+        }
+    }
+    const Json::Value source = checked("get 1", 0);
+    EXPECT_EQ(source["name"].asString(), "T PCM Source");
+    EXPECT_EQ(source["values"][0].asString(), "DSP");
+    EXPECT_EQ(source["items"], controls[1]["items"]);
+    EXPECT_EQ(checked("controls --names", 0)["names"].size(), controls.size());
+
+    const Json::Value set = checked("set 'SPK Digital PCM Volume' 0x10 020", 0);
+    EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{16, 20}));
+    EXPECT_EQ(set["values"][1].asInt(), 20);
+    EXPECT_LE(set["min"].asInt(), 16);
+    checked("get -D 7 1", 3, "no-device");
+}
+
+} // namespace
