@@ -397,9 +397,12 @@ TEST_F(TvoxspToolTest, EveryCommandAnswersHelp)
             const CommandResult help = tvoxsp(name + " " + flag);
             EXPECT_EQ(help.status, 0) << name;
             EXPECT_EQ(help.output.rfind("usage: tvoxsp " + name, 0), 0u) << help.output;
+            EXPECT_TRUE(contains(help.output, "\nexample:\n  tvoxsp ")) << help.output;
         }
     }
     EXPECT_EQ(tvoxsp("--help").status, 0);
+    EXPECT_TRUE(contains(tvoxsp("rtlog --help").output, "\n  --count N  stop after N samples\n"));
+    EXPECT_EQ(tvoxsp("--version").output, "tvoxsp " TVOXSP_VERSION "\n");
 }
 
 TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)

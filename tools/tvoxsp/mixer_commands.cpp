@@ -426,7 +426,7 @@ constexpr std::array kMixerCommands = {
             controls, "-D CARD  the card (default 0)\n--names  the names alone (for completion)",
             "tvoxsp controls --names"},
     Command{"mixer-test", "", "write a known value to a byte control and print what reads back",
-            mixer_test},
+            mixer_test, "", "tvoxsp mixer-test"},
     Command{"path", "NAME | --show NAME | --list",
             "apply one of the library's named mixer paths on card 0; --show: print the control "
             "and value pairs it applies; --list: name every path",
