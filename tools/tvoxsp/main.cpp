@@ -86,7 +86,7 @@ void print_help(std::FILE *out)
 void print_command_help(const Command &command)
 {
     std::printf("usage: ");
-    print_command_line(stdout, *&command);
+    print_command_line(stdout, command);
     std::printf("  %.*s\n", static_cast<int>(command.summary.size()), command.summary.data());
     if (!command.options.empty()) {
         std::printf("\noptions:\n");
