@@ -323,13 +323,17 @@ TEST_F(TvoxspJsonTest, EngineeringCommandsReportWhatTheyDid)
     EXPECT_EQ(int_values(0, "T AMP Enable Switch"), std::vector<long>{0});
     EXPECT_EQ(checked("module config", 0)["types"].size(), 2u);
     EXPECT_EQ(checked("bypass T on", 0)["channel"].asString(), "T");
+    // Options after the positional words.
+    EXPECT_TRUE(checked("swap on --dsp", 0)["dsp"].asBool());
+    EXPECT_EQ(checked("get 'T DSP1 Protection cd RTLOG_COUNT' --dsp -D 0", 0)["dsp_value"].asInt(),
+              0);
 
     const std::string good = folder_file("good.txt", "5,100,200,300,4292077319\n");
     const Json::Value check = checked("tuning check " + good, 0);
     EXPECT_EQ(check["kind"].asString(), "delta");
     EXPECT_TRUE(check["loads"].asBool());
     EXPECT_EQ(check["blocks"][0]["crc"].asUInt(), 4292077319u);
-    EXPECT_EQ(checked("tuning delta " + good, 0)["sent_blocks"].asUInt(), 1u);
+    EXPECT_EQ(checked("tuning delta " + good + " --force", 0)["sent_blocks"].asUInt(), 1u);
     const std::string bad = folder_file("bad.txt", "5,100,200,300,1\n");
     const Json::Value refused = checked("tuning check " + bad, 1, "failed");
     EXPECT_FALSE(refused["loads"].asBool());
