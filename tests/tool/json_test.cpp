@@ -114,6 +114,16 @@ TEST_F(TvoxspJsonTest, AFailedMeasurementNamesTheSpeakerAndItsClass)
     const Json::Value diagnosis = checked("diagnose", 5, "measurement");
     EXPECT_TRUE(diagnosis["channels"][0].isMember("f0"));
     checked("verify", 1, "failed"); // nothing stored
+    // SIGTERM ends a measurement at once, as Ctrl-C does, and the document says so.
+    set_speaker(1, 6.0);
+    const tvox::test::CommandResult stopped =
+        run_command("{ " TVOXSP_TOOL_PATH " --json calibrate >" + sim_dir() +
+                    "/out 2>/dev/null & sleep 1; kill -TERM $!; wait $!; echo $?; cat " +
+                    sim_dir() + "/out; }");
+    EXPECT_TRUE(stopped.output.starts_with("130\n")) << stopped.output;
+    EXPECT_NE(stopped.output.find("\"class\" : \"interrupted\""), std::string::npos)
+        << stopped.output;
+    EXPECT_EQ(int_values(0, "B AMP Enable Switch"), std::vector<long>{0});
 }
 
 // Every command, on success and on each kind of failure, prints one document on standard output.
@@ -293,6 +303,19 @@ TEST_F(TvoxspJsonTest, ControlsGetAndSetShowTheSimulatorsValues)
     EXPECT_EQ(set["values"][1].asInt(), 20);
     EXPECT_LE(set["min"].asInt(), 16);
     checked("get -D 7 1", 3, "no-device");
+    // tvoxsim numbers the controls as tinymix and tvoxsp do.
+    std::istringstream shown(tool("show 0").output);
+    size_t listed = 0;
+    for (std::string line; std::getline(shown, line);) {
+        std::istringstream words(line);
+        unsigned id = 0;
+        if (!(words >> id))
+            continue;
+        ASSERT_LT(id, controls.size()) << line;
+        EXPECT_EQ(line.find("  " + controls[id]["name"].asString() + " "), 5u) << line;
+        ++listed;
+    }
+    EXPECT_EQ(listed, controls.size());
 }
 
 } // namespace
