@@ -135,6 +135,7 @@ TEST_F(TvoxspJsonTest, EveryCommandPrintsOneDocument)
         std::string error_class;
     } cases[] = {
         {"info", 0, ""},
+        {"verify --help", 0, ""},
         {"reg read 0x2020", 0, ""},
         {"path amp_off", 0, ""},
         {"path --list", 0, ""},

@@ -139,8 +139,10 @@ int main(int argc, char **argv)
         return kUsage;
     }
     const std::string_view name = args[0];
+    // Help is text (on standard error with --json, beside an envelope of success).
     if (is_help_flag(name) || name == "help") {
         print_help(stdout);
+        tvoxsp::finish_output("help", 0);
         return 0;
     }
     const std::vector<Command> commands = all_commands();
@@ -154,6 +156,7 @@ int main(int argc, char **argv)
     }
     if (args.size() == 2 && is_help_flag(args[1])) {
         print_command_help(*command);
+        tvoxsp::finish_output(name, 0);
         return 0;
     }
     const int status = command->run(args.subspan(1));
