@@ -60,23 +60,29 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
         int status;
         std::string message;
     } cases[] = {
-        {"", 2, "usage: tvoxsp [-v] <command>"},
+        {"", 2, "usage: tvoxsp [-v] [--json] <command>"},
         {"frobnicate", 2, "unknown command 'frobnicate'"},
-        {"get", 2, "usage: tvoxsp get [--dsp] CONTROL"},
-        {"set 'T DSP Mode'", 2, "usage: tvoxsp set CONTROL VALUE..."},
+        {"get", 2, "usage: tvoxsp get [-D CARD] [--dsp] CONTROL"},
+        {"get -D x 'T DSP Mode'", 2, "not an unsigned 32-bit number: 'x'"},
+        {"set 'T DSP Mode'", 2, "usage: tvoxsp set [-D CARD] CONTROL VALUE..."},
         {"set 'T DSP Mode' ' , '", 2, "no value for 'T DSP Mode'"},
         {"set 'T DSP Mode'" + tokens, 2, "1025 values for 'T DSP Mode': at most 1024"},
         {"slot write 0x10 -1", 2, "not an unsigned 32-bit number: '-1'"},
         {"slot write 0x10 0xFFFFFFFF", 2, "0xFFFFFFFF has no check word"},
         {"reg read 0x2020x", 2, "not an unsigned 32-bit number: '0x2020x'"},
         {"reg write 0x2020 0x100000000", 2, "'0x100000000'"},
-        {"rtlog --interval -5", 2, "milliseconds, not -5"},
+        {"rtlog --interval -5", 2, "milliseconds above 0, not -5"},
+        {"rtlog --interval 0", 2, "milliseconds above 0, not 0"},
+        {"monitor 0x2020 --count 0", 2, "--count takes a number of samples above 0"},
+        {"monitor 0x2020 --duration x", 2, "--duration takes seconds above 0, not 'x'"},
+        {"rtlog --frobnicate", 2, "unknown option --frobnicate"},
         {"monitor --interval 100", 2, "usage: tvoxsp monitor"},
         {"module config 1x", 2, "not a 32-bit number: '1x'"},
         {"module swap maybe", 2, "expected on or off, not 'maybe'"},
         {"bypass T maybe", 2, "expected on or off, not 'maybe'"},
         {"path nowhere", 2, "unknown path 'nowhere' (see tvoxsp path --list)"},
-        {"path", 2, "usage: tvoxsp path NAME | --list"},
+        {"path", 2, "usage: tvoxsp path NAME | --show NAME | --list"},
+        {"path --show nowhere", 2, "unknown path 'nowhere'"},
         {"play a.wav b.wav", 2, "usage: tvoxsp play [--graph] [FILE]"},
         {"mixer-test now", 2, "usage: tvoxsp mixer-test"},
         {"get 'No Such Control'", 1, "card 0 has no control 'No Such Control'"},
@@ -157,14 +163,14 @@ TEST_F(TvoxspFailureTest, FailuresExitNonZeroNamingTheCause)
         std::string message;
         bool unchanged; // the driver, the controls and the persist folder stay as they were
     } cases[] = {
-        {"driver fault absent", kBlock, "tuning delta FILE", 1,
+        {"driver fault absent", kBlock, "tuning delta FILE", 3,
          "cannot open /dev/msm_tervox_playback: No such file or directory", true},
-        {"driver fault absent", "", "module on", 1, "cannot open /dev/msm_tervox_playback", true},
-        {"driver fault ioctl set", "", "module off", 1,
+        {"driver fault absent", "", "module on", 3, "cannot open /dev/msm_tervox_playback", true},
+        {"driver fault ioctl set", "", "module off", 7,
          "1 of 1 requests to /dev/msm_tervox_playback failed: EIO", true},
-        {"driver fault chunk 1 --errno 5", kBlock, "tuning params FILE", 1,
+        {"driver fault chunk 1 --errno 5", kBlock, "tuning params FILE", 7,
          "1 of 1 requests to /dev/msm_tervox_playback failed: EIO (Input/output error)", true},
-        {"driver fault chunk 1 --errno 5", rx, "tuning load FILE", 1, "failed: EIO", true},
+        {"driver fault chunk 1 --errno 5", rx, "tuning load FILE", 7, "failed: EIO", true},
         {"", kBlock, "tuning load FILE", 1, "line 1: no QORA_CONFIG_RX_LEFT line", true},
         {"", kRight + "QORA_CONFIG_RX_LEFT " + kBlock, "tuning load FILE", 1,
          "no QORA_CONFIG_RX_LEFT line: the module would get an empty", true},
@@ -192,27 +198,27 @@ TEST_F(TvoxspFailureTest, FailuresExitNonZeroNamingTheCause)
         {"", "3,1,0\n\n", "tuning seal FILE", 1, "line 2: '' is not a decimal integer", true},
         {"", "# notes\n", "tuning seal FILE", 1, "line 1: '# notes' is not a decimal", true},
         {"", "5 100,200,0\n", "tuning seal FILE", 1, "'5 100' is not a decimal integer", true},
-        {"control refuse 'T PCM Source'", "", "bypass on", 1, "a control refused the write", false},
-        {"control refuse 'T PCM Source'", "", "bypass T off", 1, "a control refused", false},
-        {"control refuse 'Tervox SP Channel Swap'", "", "module swap on", 1,
+        {"control refuse 'T PCM Source'", "", "bypass on", 7, "a control refused the write", false},
+        {"control refuse 'T PCM Source'", "", "bypass T off", 7, "a control refused", false},
+        {"control refuse 'Tervox SP Channel Swap'", "", "module swap on", 7,
          "the module's channel swap was not set: a control refused", true},
-        {"control refuse 'Tervox SP Channel Swap'", "", "swap on", 1,
+        {"control refuse 'Tervox SP Channel Swap'", "", "swap on", 7,
          "the channels were not swapped", true},
-        {"control refuse 'Tervox SP Channel Swap'", "", "module config 1", 1,
+        {"control refuse 'Tervox SP Channel Swap'", "", "module config 1", 7,
          "the configuration type was not selected", true},
-        {"control refuse 'B DSP1 Protection 5f210 CH_BAL'", "", "swap --dsp on", 1,
+        {"control refuse 'B DSP1 Protection 5f210 CH_BAL'", "", "swap --dsp on", 7,
          "the DSPs' channel balance was not set", false},
         {"", "", "module config 2", 2, "configuration type 2: the types are 0 and 1", true},
-        {"control remove 'T AMP WR Registers'", "", "reg read 0x2020", 1,
+        {"control remove 'T AMP WR Registers'", "", "reg read 0x2020", 3,
          "the register control refused the request: the values shown were not read", false},
-        {"control remove 'B AMP WR Registers'", "", "reg write 0x2020 8", 1,
+        {"control remove 'B AMP WR Registers'", "", "reg write 0x2020 8", 3,
          "reg write: the register control refused", false},
         {"control remove 'T DSP1 Protection cd RTLOG_COUNT'", "", "rtlog --interval 10", 1,
          "the live log failed: a control of the live log refused", false},
         {"", wav(8), "play FILE", 1, "was not played: Bitrate is 8 bits", true},
         {"", wav(16), no_card0 + "play FILE", 1, "was not played: Unable to open PCM device", true},
         // Control 22, as the library reads the number: the value fits what is read.
-        {"", "", "get 022", 0, "022 = ", true},
+        {"", "", "get 022", 0, "T DSP1 Protection 5f210 RTLOG_DATA = 0x00", true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.fault + " / " + c.command);
@@ -249,32 +255,34 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
         std::string fault;
         std::function<void(TvoxspFailureTest &)> arrange;
         std::string command;
+        int status; // the failure's class
         std::string message;
         bool stored; // tvox_calr.bin written
     } cases[] = {
         {"control refuse 'B DSP Set CAL_R'",
          {},
          "calibrate",
+         7,
          "applying failed: CH[1] B measured CAL_R 8392 (6.00 ohm), the DSP uses 8391 (6.00 ohm)",
          true},
         {"", [](TvoxspFailureTest &t) { t.set_speaker(1, 6.0, tvox::sim::SpeakerFault::open); },
-         "calibrate", "CAL_R 16777215 (open circuit) out of range", false},
+         "calibrate", 5, "CAL_R 16777215 (open circuit) out of range", false},
         {"",
          [](TvoxspFailureTest &t) { t.set_speaker(0, 6.0, tvox::sim::SpeakerFault::f0_failure); },
-         "diagnose", "diagnostic failed", false},
+         "diagnose", 5, "diagnostic failed", false},
         {"", [](TvoxspFailureTest &t) { t.preset_ints(0, "B AMP Active Status", {1}); },
-         "calibrate", "an amplifier is active (AMP Active Status)", false},
-        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "calibrate",
+         "calibrate", 4, "an amplifier is active (AMP Active Status)", false},
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "calibrate", 4,
          "calibration failed: the silent playback failed: Unable to open PCM device 100", false},
-        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "play --graph",
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "play --graph", 4,
          "Device or resource busy", false},
         {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 0, 0); },
-         "play " + phone("/sdcard/Music/lrp_loop.wav"), "Device or resource busy", false},
+         "play " + phone("/sdcard/Music/lrp_loop.wav"), 4, "Device or resource busy", false},
         {"",
          [](TvoxspFailureTest &t) {
              std::ofstream(t.phone("/odm/etc/backend_conf.xml")) << "<backend_conf";
          },
-         "play --graph",
+         "play --graph", 1,
          "was not played through the graph of TDM-LPAIF-RX-SECONDARY: Invalid input, entry not "
          "found",
          false},
@@ -292,7 +300,7 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
         if (c.arrange)
             c.arrange(*this);
         const CommandResult result = tvoxsp(c.command);
-        EXPECT_EQ(result.status, 1) << result.output;
+        EXPECT_EQ(result.status, c.status) << result.output;
         EXPECT_TRUE(contains(result.output, c.message)) << result.output;
         EXPECT_FALSE(contains(result.output, "success")) << result.output;
         EXPECT_EQ(std::filesystem::exists(stored), c.stored);
@@ -309,7 +317,7 @@ TEST_F(TvoxspFailureTest, CtrlCEndsACalibration)
         SCOPED_TRACE(run);
         const CommandResult result =
             run_command(TVOXSP_TOOL_PATH " " + run + " & sleep 1; kill -INT $!; wait $!");
-        EXPECT_EQ(result.status, 1) << result.output;
+        EXPECT_EQ(result.status, 130) << result.output;
         const std::string what = run == "calibrate" ? "calibration" : "diagnostic";
         EXPECT_TRUE(contains(result.output, what + " interrupted: nothing was stored; both "
                                                    "amplifiers are off"))
@@ -327,7 +335,7 @@ TEST_F(TvoxspFailureTest, AMonitorWithoutItsRegisterControlFails)
     ASSERT_EQ(tool("control remove 'B AMP WR Registers'").status, 0);
     const CommandResult result = run_command(
         TVOXSP_TOOL_PATH " monitor --interval 100 0x2020 2>&1 & sleep 1; kill -INT $!; wait $!");
-    EXPECT_EQ(result.status, 1) << result.output;
+    EXPECT_EQ(result.status, 3) << result.output;
     EXPECT_TRUE(contains(result.output, "monitor: the register control refused the request: the "
                                         "values shown were not read"))
         << result.output;
@@ -345,7 +353,7 @@ TEST_F(TvoxspFailureTest, ReportMarksStoredValuesThatAreNotInUse)
         std::string message;
     } cases[] = {
         {words({8391, 8391}), 0, "CH[1]: 6.00( 8391) - "},
-        {words({8391, 9000}), 1,
+        {words({8391, 9000}), 8,
          "CH[1] B: stored CAL_R 9000 (6.43 ohm) differs from the one in use, 8391 (6.00 ohm)"},
         {words({0, 0}), 1, "holds zeros: no speaker was calibrated"},
         {"ab", 1, "holds 2 bytes, not 8: it is no calibration file"},
@@ -416,9 +424,12 @@ TEST_F(TvoxspToolTest, EveryCommandAnswersHelp)
             const CommandResult help = tvoxsp(name + " " + flag);
             EXPECT_EQ(help.status, 0) << name;
             EXPECT_EQ(help.output.rfind("usage: tvoxsp " + name, 0), 0u) << help.output;
+            EXPECT_TRUE(contains(help.output, "\nexample:\n  tvoxsp ")) << help.output;
         }
     }
     EXPECT_EQ(tvoxsp("--help").status, 0);
+    EXPECT_TRUE(contains(tvoxsp("rtlog --help").output, "\n  --count N  stop after N samples\n"));
+    EXPECT_EQ(tvoxsp("--version").output, "tvoxsp " TVOXSP_VERSION "\n");
 }
 
 TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
@@ -430,7 +441,9 @@ TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
     } cases[] = {
         {"'T DSP Mode' 0x2", "'T DSP Mode'", "T DSP Mode = 2\n"},
         {"'SPK Digital PCM Volume' 0x64 200", "'SPK Digital PCM Volume'",
-         "SPK Digital PCM Volume = 100 (the first value)\n"},
+         "SPK Digital PCM Volume = 100 200\n"},
+        {"'SPK PCM Source' ASPRX2", "-D 0 'SPK PCM Source'", "SPK PCM Source = ASPRX2 ASPRX1\n"},
+        {"-D 0 6 010", "6", "T DSP Set CAL_AMBIENT = 10\n"}, // id 6, not octal
         {"'B PCM Source' DSP", "'B PCM Source'", "B PCM Source = DSP (item 2)\n"},
         {"'T DSP1 Protection cd RTLOG_COUNT' 0x00 0 0x1 255", "'T DSP1 Protection cd RTLOG_COUNT'",
          "T DSP1 Protection cd RTLOG_COUNT = 0x00 0x00 0x01 0xff\n"},
@@ -494,8 +507,8 @@ TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
         EXPECT_TRUE(contains(list.output, std::string(name) + " ")) << name;
 }
 
-// Without card 0 every card command fails with status 1 and says, on standard error, where to run
-// it; only the bench playback has printed its own failure on standard output.
+// Without card 0 every card command fails with status 3 (no device) and says, on standard error,
+// where to run it; only the bench playback has printed its own failure on standard output.
 TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
 {
     const std::string mixer = "tvoxsp: card 0's mixer does not open";
@@ -522,7 +535,7 @@ TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         const CommandResult result = tvoxsp(c.command + (" 2>" + errors));
-        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.status, 3);
         EXPECT_EQ(result.output, c.out);
         std::ifstream in(errors);
         const std::string text{std::istreambuf_iterator<char>(in), {}};
@@ -587,9 +600,24 @@ TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
         std::string line; // the words typed so far, the last one being completed
         std::string offered;
     } cases[] = {
-        {"pa", "path"},          {"mi", "mixer-test"}, {"path b", "boot_firmware"},
-        {"path --l", "--list"},  {"tuning s", "seal"}, {"module swap o", "on off"},
-        {"play --g", "--graph"}, {"reg u", "update"},  {"get --h", "--help"},
+        {"pa", "path"},
+        {"mi", "mixer-test"},
+        {"path b", "boot_firmware"},
+        {"path --l", "--list"},
+        {"tuning s", "seal"},
+        {"module swap o", "on off"},
+        {"play --g", "--graph"},
+        {"reg u", "update"},
+        {"get --h", "--help"},
+        {"--json ca", "calibrate"},
+        {"-v --json rtlog --c", "--count --csv"},
+        {"monitor 0x2020 --ch", "--changes"},
+        {"controls --n", "--names"},
+        {"path --show amp_of", "amp_off"},
+        {"get T\\ DSP\\ Mo", "T\\ DSP\\ Mode"},
+        {"set -D 0 B\\ PCM\\ S", "B\\ PCM\\ Source"},
+        {"get -D 0 --dsp T\\ DSP\\ Mo", "T\\ DSP\\ Mode"},
+        {"module config \"\"", "0 1 --help"},
     };
     // What the completion offers for `words` (the last one being completed), joined by spaces.
     const auto complete = [](const std::string &words) {
@@ -607,6 +635,29 @@ TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
     // Every command the tool lists completes from its first two letters.
     for (const std::string &name : command_names())
         EXPECT_TRUE(contains(" " + complete(name.substr(0, 2)).output, " " + name + " ")) << name;
+}
+
+TEST_F(TvoxspToolTest, TvoxsimBashCompletionOffersItsCommandsAndWords)
+{
+    const struct {
+        std::string line;
+        std::string offered;
+    } cases[] = {
+        {"sp", "speaker speakers"},
+        {"speaker T --fault sh", "shorted"},
+        {"driver fault io", "ioctl"},
+        {"persist f", "full"},
+        {"control re", "remove refuse restore"},
+        {"journal --c", "--clear"},
+    };
+    for (const auto &c : cases) {
+        const CommandResult completed =
+            run_command("bash -c 'source " TVOXSIM_COMPLETION_PATH "; COMP_WORDS=(" + tool_path() +
+                        " " + c.line +
+                        "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tvoxsim; "
+                        "printf \"%s \" \"${COMPREPLY[@]}\"'");
+        EXPECT_EQ(completed.output, c.offered + " ") << c.line;
+    }
 }
 
 } // namespace

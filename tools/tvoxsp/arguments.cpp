@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include "output.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,26 +10,35 @@
 namespace tvoxsp
 {
 
-namespace
-{
-
-// strtoll over the whole text; nothing when it is empty, has trailing characters or overflows.
 std::optional<long long> whole_number(const char *text)
 {
+    const char *digits = text + (*text == '-' || *text == '+' ? 1 : 0);
+    const bool hex = digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X');
     errno = 0;
     char *end = nullptr;
-    const long long value = std::strtoll(text, &end, 0);
-    if (*text == '\0' || *end != '\0' || errno != 0)
+    const long long value = std::strtoll(text, &end, hex ? 16 : 10);
+    if (*text == '\0' || *end != '\0' || errno != 0 || end == digits + (hex ? 2 : 0))
         return std::nullopt;
     return value;
 }
+
+std::optional<uint32_t> control_id(const char *identifier)
+{
+    const std::optional<long long> id = whole_number(identifier);
+    if (!id || *id < 0 || *id > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(*id);
+}
+
+namespace
+{
 
 template <typename Int> std::optional<Int> number_in_range(const char *text, const char *what)
 {
     const std::optional<long long> value = whole_number(text);
     if (!value || *value < INT64_C(0) + std::numeric_limits<Int>::min() ||
         *value > INT64_C(0) + std::numeric_limits<Int>::max()) {
-        std::fprintf(stderr, "tvoxsp: not %s number: '%s'\n", what, text);
+        tell(text_of("not %s number: '%s'", what, text));
         return std::nullopt;
     }
     return static_cast<Int>(*value);
@@ -57,14 +68,18 @@ std::optional<std::vector<uint32_t>> unsigned_numbers(Args args)
     return values;
 }
 
+bool take_flag(std::vector<char *> &args, std::string_view flag)
+{
+    return std::erase_if(args, [&](const char *word) { return flag == word; }) != 0;
+}
+
 std::optional<bool> on_off(std::string_view word)
 {
     if (word == "on")
         return true;
     if (word == "off")
         return false;
-    std::fprintf(stderr, "tvoxsp: expected on or off, not '%.*s'\n", static_cast<int>(word.size()),
-                 word.data());
+    tell(text_of("expected on or off, not '%.*s'", static_cast<int>(word.size()), word.data()));
     return std::nullopt;
 }
 

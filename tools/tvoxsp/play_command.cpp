@@ -1,5 +1,7 @@
 // tvoxsp play: the library's WAV player, its graph playback and the engineering loop file.
+#include "arguments.h"
 #include "command.h"
+#include "output.h"
 #include "stream_tap.h"
 
 #include <tinyalsa/asoundlib.h>
@@ -10,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tvoxsp
 {
@@ -35,8 +38,8 @@ std::string why_pcm_is_closed(unsigned int card, unsigned int device)
 
 int play(Args args)
 {
-    const bool graph = !args.empty() && std::string_view(args[0]) == "--graph";
-    const Args files = args.subspan(graph ? 1 : 0);
+    std::vector<char *> files(args.begin(), args.end());
+    const bool graph = take_flag(files, "--graph");
     if (files.size() > 1)
         return kUsage;
     Session session;
@@ -54,22 +57,24 @@ int play(Args args)
                                  : tervox_tplay(&ctx);
         printed = out.text() + errors.text();
     }
-    if (!graph && files.empty() && result == kNoMixer) {
-        std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
-        return kFailed;
-    }
+    if (!graph && files.empty() && result == kNoMixer)
+        return fail(kNoDevice, "card 0's mixer does not open");
     std::optional<std::string> step = player_failure(printed);
     if (step && step->starts_with("Unable to open PCM device"))
         *step += why_pcm_is_closed(graph ? ctx.play_card : 0, graph ? ctx.play_device : 0);
     // The WAV player names the format it plays; it says nothing when it plays nothing.
     const bool played = graph || printed.find("Playing sample:") != std::string::npos;
+    tvoxsp::result()["file"] = ctx.silent_wav_path ? ctx.silent_wav_path : "";
+    tvoxsp::result()["card"] = graph ? ctx.play_card : 0;
+    tvoxsp::result()["device"] = graph ? ctx.play_device : 0;
     if (result == 0 && !step && played)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s was not played%s%s%s%s\n", ctx.silent_wav_path,
-                 graph ? " through the graph of " : "",
-                 graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
-                 step ? ": " : "", step ? step->c_str() : "");
-    return kFailed;
+    const bool busy = step && step->find("busy") != std::string::npos;
+    return fail(busy ? kBusy : kFailed,
+                text_of("%s was not played%s%s%s%s", ctx.silent_wav_path,
+                        graph ? " through the graph of " : "",
+                        graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
+                        step ? ": " : "", step ? step->c_str() : ""));
 }
 
 constexpr std::array kPlayCommands = {
@@ -77,7 +82,8 @@ constexpr std::array kPlayCommands = {
             "play a WAV file on card 0 (no FILE: route both amplifiers and play "
             "/sdcard/Music/lrp_loop.wav); --graph: through the calibration's audio graph on "
             "card 100 (no FILE: the silent file), until its end or Ctrl-C",
-            play},
+            play, "--graph  through the calibration's audio graph on card 100",
+            "tvoxsp play /sdcard/Music/lrp_loop.wav"},
 };
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "arguments.h"
 #include "command.h"
 #include "library_log.h"
+#include "output.h"
 #include "qdsp/block_crc.h"
 #include "qdsp/tuning_block.h"
 #include "stream_tap.h"
@@ -41,12 +42,12 @@ std::optional<std::string> read_file(const char *path)
     struct stat info {
     };
     if (!file || fstat(fileno(file.get()), &info) != 0) {
-        std::fprintf(stderr, "tvoxsp: cannot open %s: %s\n", path, std::strerror(errno));
+        tell(text_of("cannot open %s: %s", path, std::strerror(errno)));
         return std::nullopt;
     }
     if (!S_ISREG(info.st_mode)) {
-        std::fprintf(stderr, "tvoxsp: %s is %s, not a tuning file\n", path,
-                     S_ISDIR(info.st_mode) ? "a directory" : "no regular file");
+        tell(text_of("%s is %s, not a tuning file", path,
+                     S_ISDIR(info.st_mode) ? "a directory" : "no regular file"));
         return std::nullopt;
     }
     std::string text;
@@ -54,7 +55,7 @@ std::optional<std::string> read_file(const char *path)
     for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), file.get())) > 0;)
         text.append(buffer.data(), got);
     if (std::ferror(file.get())) {
-        std::fprintf(stderr, "tvoxsp: cannot read %s: %s\n", path, std::strerror(errno));
+        tell(text_of("cannot read %s: %s", path, std::strerror(errno)));
         return std::nullopt;
     }
     return text;
@@ -125,6 +126,7 @@ struct Judgement {
     tuning::Layout layout;
     std::vector<std::string> report;
     std::vector<Finding> findings;
+    Json::Value block_list{Json::arrayValue}; // {"line", "ok", "size", "crc", "message"}
     size_t blocks = 0;
     size_t words = 0;
 
@@ -150,8 +152,16 @@ void judge_block(Judgement &judgement, const tuning::BlockText &b)
     ++judgement.blocks;
     const tuning::Block block = tuning::parse_block(b.text);
     std::string line = printed("line %zu: size %" PRId32, b.line, block.size);
+    Json::Value &entry = judgement.block_list.append(Json::Value(Json::objectValue));
+    entry["line"] = static_cast<Json::UInt64>(b.line);
+    entry["size"] = block.size;
+    entry["ok"] = true;
+    entry["message"] = Json::nullValue;
     const auto refuse = [&](const std::string &why, bool cosmetic = false) {
         judgement.findings.push_back({b.line, cosmetic, why});
+        entry["ok"] = false;
+        if (entry["message"].isNull())
+            entry["message"] = why;
     };
     switch (block.state) {
     case tuning::BlockState::size_overflow:
@@ -172,6 +182,8 @@ void judge_block(Judgement &judgement, const tuning::BlockText &b)
     }
     judgement.words += static_cast<size_t>(block.size);
     const tuning::Crc crc = *tuning::check_block(block);
+    entry["crc"] = crc.stored;
+    entry["computed_crc"] = crc.computed;
     line += printed(", %" PRId32 " payload words, CRC stored 0x%08" PRIX32 " computed 0x%08" PRIX32
                     ": %s",
                     block.size - 2 < 0 ? 0 : block.size - 2, crc.stored, crc.computed,
@@ -231,7 +243,15 @@ int check(const char *path)
         std::printf("%s\n", line.c_str());
     std::printf("%zu blocks: %s\n", judgement->blocks,
                 judgement->accepted() ? "accepted" : "rejected");
-    return judgement->accepted() ? 0 : kFailed;
+    result()["file"] = path;
+    result()["kind"] = layout == tuning::Layout::rx_config ? "receive" : "delta";
+    result()["blocks"] = judgement->block_list;
+    result()["loads"] = judgement->accepted();
+    if (judgement->accepted())
+        return 0;
+    const Finding &first = judgement->findings.front();
+    return noted(kFailed,
+                 first.line == 0 ? first.text : printed("line %zu: ", first.line) + first.text);
 }
 
 // A token of a block as written by hand: a decimal integer of 32 bits, blanks around it.
@@ -308,11 +328,11 @@ int seal(const char *path)
     if (!walk)
         return kFailed;
     if (!refused.empty()) {
-        std::fprintf(stderr, "tvoxsp: %s: %s: nothing sealed\n", path, refused.c_str());
+        tell(text_of("%s: %s: nothing sealed", path, refused.c_str()));
         return kFailed;
     }
     if (*walk != tuning::Walk::done) {
-        std::fprintf(stderr, "tvoxsp: %s: %s\n", path, walk_failure(*walk));
+        tell(text_of("%s: %s", path, walk_failure(*walk)));
         return kFailed;
     }
     size_t line = 0;
@@ -347,14 +367,14 @@ std::optional<std::string> driver_failure(size_t mark, size_t requests)
            error_name(error);
 }
 
-// Says why the driver did not take everything; kFailed then.
+// Says why the driver did not take everything: a device that does not open is no device, a
+// refused request a failure to apply.
 int driver_status(size_t mark, size_t requests)
 {
     const std::optional<std::string> failure = driver_failure(mark, requests);
     if (!failure)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s\n", failure->c_str());
-    return kFailed;
+    return fail(failure->starts_with("cannot open") ? kNoDevice : kApplying, *failure);
 }
 
 struct Loader {
@@ -384,7 +404,7 @@ int load(const Loader &loader, const char *path, bool force)
         return kFailed;
     for (const Finding &finding : judgement->findings) {
         const std::string where = finding.line == 0 ? "" : printed("line %zu: ", finding.line);
-        std::fprintf(stderr, "tvoxsp: %s: %s%s\n", path, where.c_str(), finding.text.c_str());
+        tell(text_of("%s: %s%s", path, where.c_str(), finding.text.c_str()));
     }
     if (!judgement->accepted() && !(force && judgement->forcible())) {
         std::fprintf(
@@ -395,29 +415,38 @@ int load(const Loader &loader, const char *path, bool force)
     const size_t mark = library_log_mark();
     if (loader.load(path) != 0) {
         // The file changed since it was judged, or went away.
-        std::fprintf(stderr, "tvoxsp: %s: the library refused it\n", path);
+        tell(text_of("%s: the library refused it", path));
         return kFailed;
     }
     const size_t requests = judgement->words / kChunkWords + 1 + loader.closing_requests;
-    if (driver_status(mark, requests) != 0)
-        return kFailed;
+    if (const int status = driver_status(mark, requests); status != 0)
+        return status;
     std::printf("%s: %s of %zu blocks, %zu words sent\n", path, loader.what, judgement->blocks,
                 judgement->words);
+    result()["file"] = path;
+    result()["sent_blocks"] = static_cast<Json::UInt64>(judgement->blocks);
+    result()["sent_words"] = static_cast<Json::UInt64>(judgement->words);
     return 0;
 }
 
-} // namespace
+// "cal_r": [T, B].
+void slot_json(const uint32_t (&values)[2])
+{
+    Json::Value cal_r(Json::arrayValue);
+    for (const uint32_t value : values)
+        cal_r.append(value);
+    result()["cal_r"] = cal_r;
+}
 
 int slot(Args args)
 {
     const std::string_view action = args.empty() ? "" : args[0];
     if (action == "read" && args.size() == 1) {
         uint32_t values[2] = {};
-        if (tervox_cal_slot_read(values, 2) != 0) {
-            std::fprintf(stderr, "tvoxsp: the calibration slot cannot be read\n");
-            return kFailed;
-        }
+        if (tervox_cal_slot_read(values, 2) != 0)
+            return fail(kFailed, "the calibration slot cannot be read");
         std::printf("CAL_R T: %" PRIu32 "\nCAL_R B: %" PRIu32 "\n", values[0], values[1]);
+        slot_json(values);
         return 0;
     }
     if (action != "write" || args.size() != 3)
@@ -429,26 +458,26 @@ int slot(Args args)
             return kUsage;
         // The slot's check word is CAL_R + 1: the largest word has none.
         if (*value == UINT32_MAX) {
-            std::fprintf(stderr, "tvoxsp: %s has no check word: the largest CAL_R is 0xFFFFFFFE\n",
-                         args[channel + 1]);
+            tell(text_of("%s has no check word: the largest CAL_R is 0xFFFFFFFE",
+                         args[channel + 1]));
             return kUsage;
         }
         values[channel] = *value;
     }
-    if (tervox_cal_slot_write(values, 2) < 0) {
-        std::fprintf(stderr, "tvoxsp: the calibration slot cannot be written\n");
-        return kFailed;
-    }
+    if (tervox_cal_slot_write(values, 2) < 0)
+        return fail(kFailed, "the calibration slot cannot be written");
+    slot_json(values);
     return 0;
 }
 
-int tuning(Args args)
+int tuning_command(Args args)
 {
-    const bool force = args.size() == 3 && std::string_view(args[1]) == "--force";
-    if (args.size() != (force ? 3u : 2u))
+    std::vector<char *> words(args.begin(), args.end());
+    const bool force = take_flag(words, "--force");
+    if (words.size() != 2)
         return kUsage;
-    const std::string_view action = args[0];
-    const char *path = args.back();
+    const std::string_view action = words[0];
+    const char *path = words[1];
     if (action == "check" && !force)
         return check(path);
     if (action == "seal" && !force)
@@ -467,8 +496,18 @@ int module(Args args)
         const std::optional<bool> on = on_off(args[1]);
         if (!on)
             return kUsage;
+        result()["swap"] = *on ? "on" : "off";
         return controls_written([on] { return tervox_qdsp_channel_swap(*on ? 1 : 0); },
                                 "the module's channel swap was not set");
+    }
+    if (args.size() == 1 && action == "config") {
+        // Both types select the swapped order; the library ignores any other.
+        std::printf("configuration types: 0, 1 (both select the swapped channel order)\n");
+        Json::Value types(Json::arrayValue);
+        types.append(0);
+        types.append(1);
+        result()["types"] = types;
+        return 0;
     }
     if (args.size() == 2 && action == "config") {
         const std::optional<int32_t> type = signed_number(args[1]);
@@ -476,9 +515,10 @@ int module(Args args)
             return kUsage;
         // Both types select the swapped order; the library ignores any other.
         if (*type != 0 && *type != 1) {
-            std::fprintf(stderr, "tvoxsp: configuration type %s: the types are 0 and 1\n", args[1]);
+            tell(text_of("configuration type %s: the types are 0 and 1", args[1]));
             return kUsage;
         }
+        result()["type"] = *type;
         return controls_written([type] { return tervox_qdsp_config_select(nullptr, *type); },
                                 "the configuration type was not selected");
     }
@@ -487,9 +527,34 @@ int module(Args args)
     const std::optional<bool> on = on_off(action);
     if (!on)
         return kUsage;
+    result()["state"] = *on ? "on" : "off";
     const size_t mark = library_log_mark();
     tervox_qdsp_enable(*on ? 1 : 0);
     return driver_status(mark, 1);
+}
+
+constexpr std::array kQdspCommands = {
+    Command{"slot", "read | write CAL_R_T CAL_R_B",
+            "fetch or store both CAL_R values in the driver's calibration slot", slot, "",
+            "tvoxsp slot write 8391 8391"},
+    Command{"tuning", "load|delta|params [--force] FILE | check|seal FILE",
+            "send a receive configuration, delta or module parameter file to the protection "
+            "module; check: list its blocks as the library judges them; seal: print it with "
+            "sizes and CRCs recomputed; --force sends a file whose only faults are cosmetic",
+            tuning_command,
+            "--force  send a file whose only faults are cosmetic (tokens after the CRC)",
+            "tvoxsp tuning check delta.txt && tvoxsp tuning delta delta.txt"},
+    Command{"module", "on|off | swap on|off | config [TYPE]",
+            "switch the protection module, swap its channels, select a configuration type "
+            "(config alone lists the types: 0 and 1)",
+            module, "", "tvoxsp module config 1"},
+};
+
+} // namespace
+
+std::span<const Command> qdsp_commands()
+{
+    return kQdspCommands;
 }
 
 } // namespace tvoxsp

@@ -5,8 +5,10 @@
 #pragma once
 
 #include "command.h"
+#include "output.h"
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -19,8 +21,13 @@ namespace tvoxsp
 class StreamTap
 {
   public:
-    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called.
-    explicit StreamTap(int fd);
+    // A whole line the call printed, without its newline.
+    using LineHandler = std::function<void(std::string_view line)>;
+
+    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called. With
+    // `on_line`, nothing passes through: each line goes to the handler instead (on the tap's
+    // thread).
+    explicit StreamTap(int fd, LineHandler on_line = {});
     ~StreamTap();
     StreamTap(const StreamTap &) = delete;
     StreamTap &operator=(const StreamTap &) = delete;
@@ -36,6 +43,8 @@ class StreamTap
     int fd_;
     int saved_ = -1;
     int write_end_ = -1;
+    LineHandler on_line_;
+    std::string partial_; // the handler's line so far
     std::thread reader_;
     std::mutex mutex_;
     std::string seen_;
@@ -50,19 +59,19 @@ std::optional<std::string> player_failure(const std::string &printed);
 
 // Runs a library call that writes card 0 controls; 0 when it succeeded and the setter refused
 // nothing on the way (its message on standard error is the only sign of that), else says so,
-// naming `what`, and gives kFailed.
+// naming `what`, and gives kApplying.
 template <typename Call> int controls_written(Call call, const char *what)
 {
     StreamTap errors(2);
     const int32_t result = call();
     const bool refused = setter_refused(errors.text());
     if (result == kNoMixer && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     if (result == 0 && !refused)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s: %s\n", what,
-                 refused ? "a control refused the write (see above)" : "the library failed");
-    return kFailed;
+    return fail(kApplying,
+                std::string(what) + ": " +
+                    (refused ? "a control refused the write (see above)" : "the library failed"));
 }
 
 } // namespace tvoxsp
