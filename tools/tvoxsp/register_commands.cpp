@@ -225,6 +225,7 @@ int monitor(Args args)
     LiveRun run(*options);
     std::string exit_line;
     bool refused = false;
+    bool missing = false; // the setter named a register control it does not find
     int32_t result = 0;
     {
         Json::Value registers(Json::arrayValue);
@@ -233,6 +234,7 @@ int monitor(Args args)
             const std::optional<Json::Value> values = register_values(line, "read");
             if (!values) {
                 refused = refused || setter_refused(line);
+                missing = missing || line.starts_with("Invalid mixer control");
                 std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
                 return;
             }
@@ -264,8 +266,9 @@ int monitor(Args args)
         return kNoDevice;
     }
     if (refused)
-        return fail(kFailed, "monitor: the register control refused the request: the values "
-                             "shown were not read");
+        return fail(missing ? kNoDevice : kFailed,
+                    "monitor: the register control refused the request: the values "
+                    "shown were not read");
     if (exit_line.ends_with("Failed"))
         return fail(kFailed, "monitor: the last register read failed");
     return zero_is_success(result);
