@@ -244,8 +244,8 @@ void Dashboard::loud(const httplib::Request &req, httplib::Response &res) const
     reply(res, 200, out);
 }
 
-// Moves what the child wrote to the page as events "data: RECEIVED_MS LINE"; false once the
-// stream is over.
+// Moves what the child wrote to the page as events "data: RECEIVED_MS LINE" (the first, named
+// "started", says which stream this is); false once the stream is over.
 bool Dashboard::pump(Live &live, int id, httplib::DataSink &sink)
 {
     std::string events;
@@ -253,7 +253,8 @@ bool Dashboard::pump(Live &live, int id, httplib::DataSink &sink)
         Json::Value started;
         started["stream"] = id;
         started["started_ms"] = Json::Int64(live.started_ms);
-        events = "event: started\ndata: " + to_text(started) + "\n\n";
+        events =
+            "event: started\ndata: " + std::to_string(now_ms()) + " " + to_text(started) + "\n\n";
         live.announced = true;
     }
     const bool more = live.child->read_out(live.pending, 200);
