@@ -1,7 +1,7 @@
 # Shared part of the Linux cross toolchain files (toolchain-<arch>.cmake sets the triple, the Debian
 # architecture and the qemu program before it includes this file).
 #
-# The target's libraries (alsa-lib, liblog, expat, zlib, GoogleTest, the C and C++ runtimes and
+# The target's libraries (alsa-lib, liblog, expat, zlib, jsoncpp, GoogleTest, the C and C++ runtimes and
 # alsa-utils) are Debian's packages of that architecture, unpacked into a root of their own
 # (TVOXSP_CROSS_ROOT) rather than installed beside the host's: multiarch installs need the same
 # version of every shared package on both architectures, which a mirror lagging on one
@@ -24,6 +24,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# pkg-config (jsoncpp) reads the root's package files and prefixes their paths with the root.
+set(ENV{PKG_CONFIG_LIBDIR}
+  ${TVOXSP_CROSS_ROOT}/usr/lib/${TVOXSP_CROSS_TRIPLE}/pkgconfig:${TVOXSP_CROSS_ROOT}/usr/share/pkgconfig)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${TVOXSP_CROSS_ROOT})
 
 # The linker follows the libraries' own dependencies (libasound.so.2, liblog's) inside the root.
 set(TVOXSP_CROSS_LINK_DIRS

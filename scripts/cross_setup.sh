@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Prepares a foreign architecture for the cross build and its emulated tests:
-#  1. the target's packages (alsa-lib, liblog, expat, zlib, GoogleTest, the C and C++ run-time
+#  1. the target's packages (alsa-lib, liblog, expat, zlib, jsoncpp, GoogleTest, the C and C++ run-time
 #     libraries, alsa-utils for amixer and aplay, dash for sh) downloaded with a private apt state of that
 #     architecture and unpacked into $TVOXSP_CROSS_DIR/ARCH/root (default /opt/tvoxsp-cross), the
 #     root cmake/toolchain-ARCH.cmake builds against and qemu runs in. The host's dpkg is left
@@ -24,7 +24,7 @@ arm64) qemu=aarch64 ;;
 esac
 dir=${TVOXSP_CROSS_DIR:-/opt/tvoxsp-cross}/$arch
 packages=(libc6 libgcc-s1 libstdc++6 libasound2 libasound2-dev android-liblog android-liblog-dev
-  libexpat1 libexpat1-dev zlib1g zlib1g-dev libgtest-dev alsa-utils dash)
+  libexpat1 libexpat1-dev zlib1g zlib1g-dev libjsoncpp25 libjsoncpp-dev libgtest-dev alsa-utils dash)
 
 fail() {
   echo "$arch: $*"

@@ -7,8 +7,8 @@ cd "$(dirname "$0")/.."
 packages=(
   build-essential cmake ninja-build clang lld clang-format pkg-config
   libasound2-dev alsa-utils android-liblog-dev libexpat1-dev
-  libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox
-  clang-16 libc++-16-dev libc++abi-16-dev valgrind strace
+  libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev gnuplot-nox libjsoncpp-dev
+  clang-16 libc++-16-dev libc++abi-16-dev valgrind strace ccache
   # Android.bp checks: bpfmt, and Soong's module types built from Debian's Go sources
   blueprint-tools golang-go golang-android-soong-dev golang-github-google-blueprint-dev
   golang-github-golang-protobuf-1-3-dev

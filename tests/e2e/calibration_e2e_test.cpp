@@ -138,8 +138,8 @@ TEST_F(CalibrationE2eTest, ToolReportsTheStoredCalibrationAndRefusesBadUsage)
     const auto report = tvoxsp("report");
     // "T DSP Set CAL_R" holds 8391: as a plain integer for the kernel column, and read as a
     // big-endian DSP word (bytes C7 20 00 00) for the DSP column. The stored values are not
-    // those in use.
-    EXPECT_EQ(report.status, 1);
+    // those in use: a mismatch.
+    EXPECT_EQ(report.status, 8);
     EXPECT_EQ(report.output, "'CHANNEL'     'FS'     'AMP DSP'  'KERNEL'\n"
                              "CH[0]: 6.00( 8392) - -14680064 -     8391\n"
                              "CH[1]: 5.50( 7692) - -14680064 -     8391\n"
@@ -160,7 +160,7 @@ TEST_F(CalibrationE2eTest, ToolReadsBackWhatWasStoredAndFailsWhenStoringFailed)
     ASSERT_EQ(tool("persist full").status, 0);
     // The library's own result is success: the tool finds the previous file and says so.
     const auto full = tvoxsp("calibrate");
-    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.status, 6);
     EXPECT_EQ(full.output.find("calibration success"), std::string::npos) << full.output;
     EXPECT_NE(full.output.find("calibration failed: storing failed\n"), std::string::npos)
         << full.output;
@@ -188,7 +188,7 @@ TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
     set_speaker_raw(0, 8672, SpeakerFault::shorted);
     set_speaker_raw(1, 7692, SpeakerFault::calibration_failure);
     const auto calibration = tvoxsp("calibrate");
-    EXPECT_EQ(calibration.status, 1);
+    EXPECT_EQ(calibration.status, 5);
     // After the library's report (its playback prints the back end's format first).
     const std::string failures =
         "CH[0] T failed: CAL_R 140 (0.10 ohm) out of range [8000 - 12000] (5.72 - 8.58 ohm)\n"
@@ -199,7 +199,7 @@ TEST_F(CalibrationE2eTest, ToolNamesTheFailingSpeakerAndWhy)
     set_speaker_raw(0, 8672);
     set_speaker_raw(1, 7692, SpeakerFault::f0_failure);
     const auto diagnosis = tvoxsp("diagnose");
-    EXPECT_EQ(diagnosis.status, 1);
+    EXPECT_EQ(diagnosis.status, 5);
     EXPECT_NE(diagnosis.output.find("CH[1] B failed: F0 status 1, F0 800 Hz\n"), std::string::npos)
         << diagnosis.output;
     // Nothing was stored by either run, so there is no calibration to report.
@@ -216,7 +216,7 @@ TEST_F(CalibrationE2eTest, TwoToolsAtOnceShareTheDeviceAsOnAPhone)
         run_command("{ " TVOXSP_TOOL_PATH " calibrate >" + first +
                     " 2>/dev/null & sleep 0.5; " TVOXSP_TOOL_PATH " calibrate --force >" + second +
                     " 2>/dev/null; s=$?; wait $! && exit $s; }");
-    EXPECT_EQ(both.status, 1) << both.output;
+    EXPECT_EQ(both.status, 4) << both.output; // the second one: busy
     const std::string busy = "Unable to open PCM device 100 (cannot open device 'tvoxsim:100,100': "
                              "Device or resource busy)\n";
     EXPECT_EQ(read_file(first).find(busy), std::string::npos) << read_file(first);

@@ -60,7 +60,7 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
         int status;
         std::string message;
     } cases[] = {
-        {"", 2, "usage: tvoxsp [-v] <command>"},
+        {"", 2, "usage: tvoxsp [-v] [--json] <command>"},
         {"frobnicate", 2, "unknown command 'frobnicate'"},
         {"get", 2, "usage: tvoxsp get [--dsp] CONTROL"},
         {"set 'T DSP Mode'", 2, "usage: tvoxsp set CONTROL VALUE..."},
@@ -70,7 +70,11 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
         {"slot write 0x10 0xFFFFFFFF", 2, "0xFFFFFFFF has no check word"},
         {"reg read 0x2020x", 2, "not an unsigned 32-bit number: '0x2020x'"},
         {"reg write 0x2020 0x100000000", 2, "'0x100000000'"},
-        {"rtlog --interval -5", 2, "milliseconds, not -5"},
+        {"rtlog --interval -5", 2, "milliseconds above 0, not -5"},
+        {"rtlog --interval 0", 2, "milliseconds above 0, not 0"},
+        {"monitor 0x2020 --count 0", 2, "--count takes a number of samples above 0"},
+        {"monitor 0x2020 --duration x", 2, "--duration takes seconds above 0, not 'x'"},
+        {"rtlog --frobnicate", 2, "unknown option --frobnicate"},
         {"monitor --interval 100", 2, "usage: tvoxsp monitor"},
         {"module config 1x", 2, "not a 32-bit number: '1x'"},
         {"module swap maybe", 2, "expected on or off, not 'maybe'"},
@@ -248,27 +252,29 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
         std::string fault;
         std::function<void(TvoxspFailureTest &)> arrange;
         std::string command;
+        int status; // the failure's class
         std::string message;
         bool stored; // tvox_calr.bin written
     } cases[] = {
         {"control refuse 'B DSP Set CAL_R'",
          {},
          "calibrate",
+         7,
          "applying failed: CH[1] B measured CAL_R 8392 (6.00 ohm), the DSP uses 8391 (6.00 ohm)",
          true},
         {"", [](TvoxspFailureTest &t) { t.set_speaker(1, 6.0, tvox::sim::SpeakerFault::open); },
-         "calibrate", "CAL_R 16777215 (open circuit) out of range", false},
+         "calibrate", 5, "CAL_R 16777215 (open circuit) out of range", false},
         {"",
          [](TvoxspFailureTest &t) { t.set_speaker(0, 6.0, tvox::sim::SpeakerFault::f0_failure); },
-         "diagnose", "diagnostic failed", false},
+         "diagnose", 5, "diagnostic failed", false},
         {"", [](TvoxspFailureTest &t) { t.preset_ints(0, "B AMP Active Status", {1}); },
-         "calibrate", "an amplifier is active (AMP Active Status)", false},
-        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "calibrate",
+         "calibrate", 4, "an amplifier is active (AMP Active Status)", false},
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "calibrate", 4,
          "calibration failed: the silent playback failed: Unable to open PCM device 100", false},
-        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "play --graph",
+        {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 100, 100); }, "play --graph", 4,
          "Device or resource busy", false},
         {"", [](TvoxspFailureTest &t) { t.record_stream(1, 0, 0.0, 0, 0); },
-         "play " + phone("/sdcard/Music/lrp_loop.wav"), "Device or resource busy", false},
+         "play " + phone("/sdcard/Music/lrp_loop.wav"), 4, "Device or resource busy", false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command + " " + c.fault);
@@ -283,7 +289,7 @@ TEST_F(TvoxspFailureTest, ACalibrationIsWhatItSays)
         if (c.arrange)
             c.arrange(*this);
         const CommandResult result = tvoxsp(c.command);
-        EXPECT_EQ(result.status, 1) << result.output;
+        EXPECT_EQ(result.status, c.status) << result.output;
         EXPECT_TRUE(contains(result.output, c.message)) << result.output;
         EXPECT_FALSE(contains(result.output, "success")) << result.output;
         EXPECT_EQ(std::filesystem::exists(stored), c.stored);
@@ -297,7 +303,7 @@ TEST_F(TvoxspFailureTest, CtrlCEndsACalibration)
 {
     const CommandResult result =
         run_command(TVOXSP_TOOL_PATH " calibrate & sleep 1; kill -INT $!; wait $!");
-    EXPECT_EQ(result.status, 1) << result.output;
+    EXPECT_EQ(result.status, 130) << result.output;
     EXPECT_TRUE(contains(result.output, "calibration interrupted: nothing was stored; both "
                                         "amplifiers are off"))
         << result.output;
@@ -318,7 +324,7 @@ TEST_F(TvoxspFailureTest, ReportMarksStoredValuesThatAreNotInUse)
         std::string message;
     } cases[] = {
         {words({8391, 8391}), 0, "CH[1]: 6.00( 8391) - "},
-        {words({8391, 9000}), 1,
+        {words({8391, 9000}), 8,
          "CH[1] B: stored CAL_R 9000 (6.43 ohm) differs from the one in use, 8391 (6.00 ohm)"},
         {words({0, 0}), 1, "holds zeros: no speaker was calibrated"},
         {"ab", 1, "holds 2 bytes, not 8: it is no calibration file"},
@@ -467,8 +473,8 @@ TEST_F(TvoxspToolTest, NamedPathsAreListedAndApplied)
         EXPECT_TRUE(contains(list.output, std::string(name) + " ")) << name;
 }
 
-// Without card 0 every card command fails with status 1 and says, on standard error, where to run
-// it; only the bench playback has printed its own failure on standard output.
+// Without card 0 every card command fails with status 3 (no device) and says, on standard error,
+// where to run it; only the bench playback has printed its own failure on standard output.
 TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
 {
     const std::string mixer = "tvoxsp: card 0's mixer does not open";
@@ -495,7 +501,7 @@ TEST_F(TvoxspToolTest, WithoutCardZeroEveryCardCommandFailsAndSaysSo)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
         const CommandResult result = tvoxsp(c.command + (" 2>" + errors));
-        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.status, 3);
         EXPECT_EQ(result.output, c.out);
         std::ifstream in(errors);
         const std::string text{std::istreambuf_iterator<char>(in), {}};

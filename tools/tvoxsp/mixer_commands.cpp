@@ -4,6 +4,7 @@
 #include "command.h"
 #include "mixer/mixer_handle.h"
 #include "mixer/paths.h"
+#include "output.h"
 
 #include <algorithm>
 #include <array>
@@ -28,8 +29,7 @@ tvox::MixerHandle open_card0()
 {
     tvox::MixerHandle mixer = tvox::open_mixer();
     if (!mixer)
-        std::fprintf(stderr, "tvoxsp: card 0's mixer does not open: run it on the device or "
-                             "inside tvoxsim\n");
+        fail(kNoDevice, "card 0's mixer does not open: run it on the device or inside tvoxsim");
     return mixer;
 }
 
@@ -52,7 +52,7 @@ int get(Args args)
     const char *name = args.back();
     const tvox::MixerHandle mixer = open_card0();
     if (!mixer)
-        return kFailed;
+        return kNoDevice;
     struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
     if (ctl == nullptr) {
         std::fprintf(stderr, "tvoxsp: card 0 has no control '%s'\n", name);
@@ -128,7 +128,7 @@ int set(Args args)
     const char *name = args[0];
     const tvox::MixerHandle mixer = open_card0();
     if (!mixer)
-        return kFailed;
+        return kNoDevice;
     struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
     const std::string value = value_text(
         args.subspan(1), ctl != nullptr && mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE);
@@ -155,8 +155,7 @@ int mixer_test(Args args)
         return kUsage;
     if (tervox_tmixer_test() == 0)
         return 0;
-    std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
-    return kFailed;
+    return fail(kNoDevice, "card 0's mixer does not open");
 }
 
 // The library's named paths, applied whole through the exported path applier, as the library's
@@ -214,7 +213,7 @@ int path(Args args)
         Session session;
         const int32_t result = tvox::apply_path(path.steps);
         if (result == kNoMixer && !card0_opens())
-            return kFailed;
+            return kNoDevice;
         if (result == 0)
             return 0;
         std::fprintf(stderr, "tvoxsp: path %s failed (code %d)\n", args[0],

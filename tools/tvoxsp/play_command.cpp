@@ -1,5 +1,6 @@
 // tvoxsp play: the library's WAV player, its graph playback and the engineering loop file.
 #include "command.h"
+#include "output.h"
 #include "stream_tap.h"
 
 #include <tinyalsa/asoundlib.h>
@@ -54,10 +55,8 @@ int play(Args args)
                                  : tervox_tplay(&ctx);
         printed = out.text() + errors.text();
     }
-    if (!graph && files.empty() && result == kNoMixer) {
-        std::fprintf(stderr, "tvoxsp: card 0's mixer does not open\n");
-        return kFailed;
-    }
+    if (!graph && files.empty() && result == kNoMixer)
+        return fail(kNoDevice, "card 0's mixer does not open");
     std::optional<std::string> step = player_failure(printed);
     if (step && step->starts_with("Unable to open PCM device"))
         *step += why_pcm_is_closed(graph ? ctx.play_card : 0, graph ? ctx.play_device : 0);
@@ -65,11 +64,12 @@ int play(Args args)
     const bool played = graph || printed.find("Playing sample:") != std::string::npos;
     if (result == 0 && !step && played)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s was not played%s%s%s%s\n", ctx.silent_wav_path,
-                 graph ? " through the graph of " : "",
-                 graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
-                 step ? ": " : "", step ? step->c_str() : "");
-    return kFailed;
+    const bool busy = step && step->find("busy") != std::string::npos;
+    return fail(busy ? kBusy : kFailed,
+                text_of("%s was not played%s%s%s%s", ctx.silent_wav_path,
+                        graph ? " through the graph of " : "",
+                        graph ? (ctx.backend_name ? ctx.backend_name : "no back-end") : "",
+                        step ? ": " : "", step ? step->c_str() : ""));
 }
 
 constexpr std::array kPlayCommands = {

@@ -4,6 +4,7 @@
 #include "arguments.h"
 #include "command.h"
 #include "library_log.h"
+#include "output.h"
 #include "qdsp/block_crc.h"
 #include "qdsp/tuning_block.h"
 #include "stream_tap.h"
@@ -406,18 +407,24 @@ int load(const Loader &loader, const char *path, bool force)
     return 0;
 }
 
-} // namespace
+// "cal_r": [T, B].
+void slot_json(const uint32_t (&values)[2])
+{
+    Json::Value cal_r(Json::arrayValue);
+    for (const uint32_t value : values)
+        cal_r.append(value);
+    result()["cal_r"] = cal_r;
+}
 
 int slot(Args args)
 {
     const std::string_view action = args.empty() ? "" : args[0];
     if (action == "read" && args.size() == 1) {
         uint32_t values[2] = {};
-        if (tervox_cal_slot_read(values, 2) != 0) {
-            std::fprintf(stderr, "tvoxsp: the calibration slot cannot be read\n");
-            return kFailed;
-        }
+        if (tervox_cal_slot_read(values, 2) != 0)
+            return fail(kFailed, "the calibration slot cannot be read");
         std::printf("CAL_R T: %" PRIu32 "\nCAL_R B: %" PRIu32 "\n", values[0], values[1]);
+        slot_json(values);
         return 0;
     }
     if (action != "write" || args.size() != 3)
@@ -435,14 +442,13 @@ int slot(Args args)
         }
         values[channel] = *value;
     }
-    if (tervox_cal_slot_write(values, 2) < 0) {
-        std::fprintf(stderr, "tvoxsp: the calibration slot cannot be written\n");
-        return kFailed;
-    }
+    if (tervox_cal_slot_write(values, 2) < 0)
+        return fail(kFailed, "the calibration slot cannot be written");
+    slot_json(values);
     return 0;
 }
 
-int tuning(Args args)
+int tuning_command(Args args)
 {
     const bool force = args.size() == 3 && std::string_view(args[1]) == "--force";
     if (args.size() != (force ? 3u : 2u))
@@ -490,6 +496,30 @@ int module(Args args)
     const size_t mark = library_log_mark();
     tervox_qdsp_enable(*on ? 1 : 0);
     return driver_status(mark, 1);
+}
+
+constexpr std::array kQdspCommands = {
+    Command{"slot", "read | write CAL_R_T CAL_R_B",
+            "fetch or store both CAL_R values in the driver's calibration slot", slot, "",
+            "tvoxsp slot write 8391 8391"},
+    Command{"tuning", "load|delta|params [--force] FILE | check|seal FILE",
+            "send a receive configuration, delta or module parameter file to the protection "
+            "module; check: list its blocks as the library judges them; seal: print it with "
+            "sizes and CRCs recomputed; --force sends a file whose only faults are cosmetic",
+            tuning_command,
+            "--force  send a file whose only faults are cosmetic (tokens after the CRC)",
+            "tvoxsp tuning check delta.txt && tvoxsp tuning delta delta.txt"},
+    Command{"module", "on|off | swap on|off | config TYPE",
+            "switch the protection module, swap its channels, select a configuration type "
+            "(TYPE 0 or 1)",
+            module, "", "tvoxsp module config 1"},
+};
+
+} // namespace
+
+std::span<const Command> qdsp_commands()
+{
+    return kQdspCommands;
 }
 
 } // namespace tvoxsp

@@ -2,6 +2,8 @@
 // register monitor, the DSP switches.
 #include "arguments.h"
 #include "command.h"
+#include "live.h"
+#include "output.h"
 #include "rtlog_plot.h"
 #include "stream_tap.h"
 
@@ -20,24 +22,6 @@ namespace tvoxsp
 namespace
 {
 
-// A leading "--interval MS": the interval (0 when absent, the library's one second), and the
-// arguments after it; nothing when MS is not a number.
-std::optional<std::pair<int32_t, Args>> interval(Args args)
-{
-    if (args.empty() || std::string_view(args[0]) != "--interval")
-        return std::pair{0, args};
-    if (args.size() < 2)
-        return std::nullopt;
-    const std::optional<int32_t> ms = signed_number(args[1]);
-    if (!ms)
-        return std::nullopt;
-    if (*ms < 0) {
-        std::fprintf(stderr, "tvoxsp: the interval is a number of milliseconds, not %s\n", args[1]);
-        return std::nullopt;
-    }
-    return std::pair{static_cast<int32_t>(*ms), args.subspan(2)};
-}
-
 int without_arguments(Args args, int32_t (*operation)())
 {
     if (!args.empty())
@@ -46,7 +30,7 @@ int without_arguments(Args args, int32_t (*operation)())
     // The paths behind these give -22 when card 0 does not open; the tool then says why.
     const int32_t result = operation();
     if (result == kNoMixer && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     return zero_is_success(result);
 }
 
@@ -56,7 +40,7 @@ int registers(int32_t result, StreamTap &errors, const char *what)
 {
     if (result == 1) {
         card0_opens();
-        return kFailed;
+        return kNoDevice;
     }
     if (!setter_refused(errors.text()))
         return zero_is_success(result);
@@ -87,14 +71,89 @@ int reg(Args args)
     return kUsage;
 }
 
+// One live log line ("2024-01-01 10:00:00.000   T: 1.00, 1.00, 0.1000, 0.1000, 100, 100, Y
+// B: ..."): per channel its columns; nothing for the library's other lines.
+std::optional<Json::Value> rtlog_channels(std::string_view line, std::string &header,
+                                          std::string &row)
+{
+    if (line.empty() || line[0] < '0' || line[0] > '9' || line.size() < 25)
+        return std::nullopt;
+    static constexpr std::array<const char *, 6> kColumns = {"c1",     "c1_max", "c3",
+                                                             "c3_max", "reg",    "reg_max"};
+    Json::Value channels(Json::arrayValue);
+    std::string rest(line.substr(23));
+    for (size_t at = 0;;) {
+        const size_t colon = rest.find(": ", at);
+        if (colon == std::string::npos)
+            break;
+        const size_t name_start = rest.find_first_not_of(' ', at);
+        Json::Value channel;
+        const std::string name = rest.substr(name_start, colon - name_start);
+        channel["name"] = name;
+        const char *cursor = rest.c_str() + colon + 2;
+        for (size_t i = 0; i < kColumns.size(); ++i) {
+            char *end = nullptr;
+            const double value = std::strtod(cursor, &end);
+            if (end == cursor || *end != ',')
+                return std::nullopt;
+            channel[kColumns[i]] = i >= 4 ? Json::Value(static_cast<int>(value)) : value;
+            header += (header.empty() ? "" : ",") + name + "_" + kColumns[i];
+            row +=
+                (row.empty() ? "" : ",") + std::string(cursor, static_cast<size_t>(end - cursor));
+            cursor = end + 2;
+        }
+        channel["active"] = *cursor == 'Y';
+        header += "," + name + "_active";
+        row += std::string(",") + *cursor;
+        channels.append(channel);
+        at = static_cast<size_t>(cursor - rest.c_str()) + 1;
+    }
+    if (channels.empty())
+        return std::nullopt;
+    return channels;
+}
+
+// The live run's end object, for the exit line the library printed (or none).
+void live_end(const LiveRun &run, std::string_view exit_line)
+{
+    Json::Value end;
+    end["type"] = "end";
+    end["status"] = std::string(exit_line);
+    end["samples"] = static_cast<Json::UInt64>(run.samples());
+    end["t_ms"] = run.elapsed_ms();
+    set_live_end(end);
+}
+
 int rtlog(Args args)
 {
-    const auto parsed = interval(args);
-    if (!parsed || !parsed->second.empty())
+    const std::optional<LiveOptions> options = live_options(args, true, false);
+    if (!options || !options->positionals.empty())
         return kUsage;
     Session session;
-    StreamTap out(1);
-    const int32_t result = tervox_prot_rtlog(parsed->first);
+    LiveRun run(*options);
+    if (!run.ready())
+        return kFailed;
+    std::string exit_line;
+    int32_t result = 0;
+    {
+        StreamTap out(1, [&](std::string_view line) {
+            std::string header;
+            std::string row;
+            if (const auto channels = rtlog_channels(line, header, row)) {
+                Json::Value sample;
+                sample["channels"] = *channels;
+                run.sample(sample, std::string(line), header, row);
+            } else if (line.starts_with("rtlog exit - ")) {
+                exit_line = line;
+            } else {
+                run.pass(line);
+            }
+        });
+        result = tervox_prot_rtlog(options->interval_ms);
+    }
+    if (!json_output() && !exit_line.empty())
+        std::printf("%s\n", exit_line.c_str());
+    live_end(run, exit_line);
     // A log that ends "Failed" keeps its sample buffers in the context; teardown does not
     // release them.
     for (tervox_rtlog_channel &channel : session.context().rtlog) {
@@ -102,33 +161,96 @@ int rtlog(Args args)
         std::free(std::exchange(channel.line, nullptr));
     }
     if (result == 1 && !card0_opens())
-        return kFailed;
-    if (result == 0 && !out.saw("rtlog exit - Failed"))
+        return kNoDevice;
+    if (result == 0 && exit_line != "rtlog exit - Failed")
         return 0;
-    std::fprintf(stderr, "tvoxsp: the live log failed: %s\n",
-                 result == -1 ? "its file cannot be written"
-                              : "a control of the live log refused (see the lines above)");
-    return kFailed;
+    return fail(kFailed, text_of("the live log failed: %s",
+                                 result == -1 ? "its file cannot be written"
+                                              : "a control of the live log refused (see the "
+                                                "lines above)"));
+}
+
+// One register's line of the monitor ("read : 2020 -- T: 0x00000008, B: 0x00000008,"): its
+// values per channel; nothing for other lines.
+std::optional<Json::Value> monitor_values(std::string_view line)
+{
+    const size_t dash = line.find(" -- ");
+    if (!line.starts_with("read : ") || dash == std::string_view::npos)
+        return std::nullopt;
+    Json::Value channels(Json::arrayValue);
+    const std::string rest(line.substr(dash + 4));
+    for (size_t at = 0; at < rest.size();) {
+        const size_t colon = rest.find(": 0x", at);
+        if (colon == std::string::npos)
+            break;
+        const size_t name_start = rest.find_first_not_of(' ', at);
+        Json::Value channel;
+        channel["name"] = rest.substr(name_start, colon - name_start);
+        char *end = nullptr;
+        channel["value"] =
+            static_cast<Json::UInt>(std::strtoul(rest.c_str() + colon + 2, &end, 16));
+        channels.append(channel);
+        at = static_cast<size_t>(end - rest.c_str()) + 1;
+    }
+    return channels;
 }
 
 int monitor(Args args)
 {
-    const auto parsed = interval(args);
-    if (!parsed)
+    const std::optional<LiveOptions> options = live_options(args, false, true);
+    if (!options)
         return kUsage;
-    const std::optional<std::vector<uint32_t>> regs = unsigned_numbers(parsed->second);
+    const std::optional<std::vector<uint32_t>> regs = unsigned_numbers(options->positionals);
     if (!regs || regs->empty())
         return kUsage;
     Session session;
-    StreamTap out(1);
-    StreamTap errors(2);
-    const int32_t result = tervox_regs_monitor(regs->data(), regs->size(), parsed->first);
-    const bool failed = out.saw("monitor registers exit - Failed");
-    const int status = registers(result, errors, "monitor");
-    if (status != 0 || !failed)
-        return status;
-    std::fprintf(stderr, "tvoxsp: monitor: the last register read failed\n");
-    return kFailed;
+    LiveRun run(*options);
+    std::string exit_line;
+    bool refused = false;
+    int32_t result = 0;
+    {
+        Json::Value registers(Json::arrayValue);
+        std::string text;
+        StreamTap errors(2, [&](std::string_view line) {
+            const std::optional<Json::Value> values = monitor_values(line);
+            if (!values) {
+                refused = refused || setter_refused(line);
+                std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+                return;
+            }
+            Json::Value reg;
+            reg["register"] = (*regs)[registers.size()];
+            reg["channels"] = *values;
+            registers.append(reg);
+            text += (text.empty() ? clock_stamp() + "  " : std::string("\n              ")) +
+                    std::string(line);
+            if (registers.size() < regs->size())
+                return;
+            Json::Value sample;
+            sample["registers"] = registers;
+            run.sample(sample, text, "", "");
+            registers = Json::Value(Json::arrayValue);
+            text.clear();
+        });
+        StreamTap out(1, [&](std::string_view line) {
+            if (line.starts_with("monitor registers exit - "))
+                exit_line = line;
+        });
+        result = tervox_regs_monitor(regs->data(), regs->size(), options->interval_ms);
+    }
+    if (!json_output() && !exit_line.empty())
+        std::printf("%s\n", exit_line.c_str());
+    live_end(run, exit_line);
+    if (result == 1) {
+        card0_opens();
+        return kNoDevice;
+    }
+    if (refused)
+        return fail(kFailed, "monitor: the register control refused the request: the values "
+                             "shown were not read");
+    if (exit_line.ends_with("Failed"))
+        return fail(kFailed, "monitor: the last register read failed");
+    return zero_is_success(result);
 }
 
 int info(Args args)
@@ -147,7 +269,7 @@ int bypass(Args args)
         return kUsage;
     Session session;
     if (!card0_opens())
-        return kFailed;
+        return kNoDevice;
     return controls_written([&] { return tervox_dsp_bypass(channel, *on ? 1 : 0); },
                             "the amplifiers' source was not switched");
 }
@@ -193,15 +315,25 @@ constexpr std::array kRegisterCommands = {
     Command{"reg", "read REG | write REG VALUE | update REG MASK VALUE",
             "read, write or bit-update an amplifier register on every channel (hex or decimal)",
             reg},
-    Command{"rtlog", "[--interval MS]",
+    Command{"rtlog", "[--interval MS] [--count N] [--duration S] [--csv] [-o FILE]",
             "print the protection firmware's live log (and write /sdcard/Download/rtlog.txt) "
-            "until Ctrl-C",
-            rtlog},
+            "until Ctrl-C, SIGTERM, SIGHUP, a closed output, N samples or S seconds",
+            rtlog,
+            "--interval MS  between samples (above 0; default 1000)\n--count N  stop after N "
+            "samples\n--duration S  stop after S seconds\n--csv  a header line, then "
+            "comma-separated columns\n-o FILE  write the samples to FILE too",
+            "tvoxsp rtlog --interval 100 --count 50 --csv -o /data/local/tmp/log.csv"},
     Command{"rtlog-plot", "FILE -o OUT.svg|OUT.png",
             "chart a live log file: each channel's columns and maxima over time, active shaded",
             plot},
-    Command{"monitor", "[--interval MS] REG...",
-            "read the registers on every channel each interval until Ctrl-C", monitor},
+    Command{"monitor", "REG... [--interval MS] [--count N] [--duration S] [--changes]",
+            "read the registers on every channel each interval until Ctrl-C, SIGTERM, SIGHUP, a "
+            "closed output, N samples or S seconds; each line carries the time of day",
+            monitor,
+            "--interval MS  between samples (above 0; default 1000)\n--count N  stop after N "
+            "samples\n--duration S  stop after S seconds\n--changes  print only samples that "
+            "differ from the previous one",
+            "tvoxsp monitor 0x2020 0x4308 --interval 100 --changes"},
     Command{"info", "", "print the amplifier channels", info},
     Command{"bypass", "[T|B] on|off", "feed the amplifiers from the audio port (on) or the DSP",
             bypass},

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 namespace tvoxsp
 {
@@ -23,7 +24,7 @@ std::FILE *stream_of(int fd)
 
 } // namespace
 
-StreamTap::StreamTap(int fd) : fd_(fd)
+StreamTap::StreamTap(int fd, LineHandler on_line) : fd_(fd), on_line_(std::move(on_line))
 {
     int ends[2];
     std::fflush(stream_of(fd_));
@@ -81,6 +82,14 @@ void StreamTap::pass_through(int from, int to)
         if (got <= 0)
             break;
         const auto size = static_cast<size_t>(got);
+        if (on_line_) {
+            partial_.append(buffer.data(), size);
+            for (size_t end; (end = partial_.find('\n')) != std::string::npos;) {
+                on_line_(std::string_view(partial_).substr(0, end));
+                partial_.erase(0, end + 1);
+            }
+            continue;
+        }
         for (size_t done = 0; done < size;) {
             const ssize_t put = write(to, buffer.data() + done, size - done);
             if (put <= 0)

@@ -7,6 +7,7 @@
 #include "command.h"
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -19,8 +20,13 @@ namespace tvoxsp
 class StreamTap
 {
   public:
-    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called.
-    explicit StreamTap(int fd);
+    // A whole line the call printed, without its newline.
+    using LineHandler = std::function<void(std::string_view line)>;
+
+    // Taps descriptor 1 or 2 (and its stdio stream) until destroyed or stop() is called. With
+    // `on_line`, nothing passes through: each line goes to the handler instead (on the tap's
+    // thread).
+    explicit StreamTap(int fd, LineHandler on_line = {});
     ~StreamTap();
     StreamTap(const StreamTap &) = delete;
     StreamTap &operator=(const StreamTap &) = delete;
@@ -36,6 +42,8 @@ class StreamTap
     int fd_;
     int saved_ = -1;
     int write_end_ = -1;
+    LineHandler on_line_;
+    std::string partial_; // the handler's line so far
     std::thread reader_;
     std::mutex mutex_;
     std::string seen_;
@@ -57,7 +65,7 @@ template <typename Call> int controls_written(Call call, const char *what)
     const int32_t result = call();
     const bool refused = setter_refused(errors.text());
     if (result == kNoMixer && !card0_opens())
-        return kFailed;
+        return kNoDevice;
     if (result == 0 && !refused)
         return 0;
     std::fprintf(stderr, "tvoxsp: %s: %s\n", what,

@@ -1,0 +1,45 @@
+// What a command reports besides its own lines: the exit status of its failure class, the message
+// that names the cause, and with --json the one JSON document on standard output (or, for a live
+// command, a JSON object per line ending with an "end" object). In JSON mode everything the tool
+// and the library print goes to standard error, so standard output holds JSON alone.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+#include <string_view>
+
+namespace tvoxsp
+{
+
+// Called once before any command runs: `json` points standard output at standard error and keeps
+// the real one for the JSON.
+void start_output(bool json);
+bool json_output();
+
+// The command's own fields of the document ("channels", "register", ...).
+Json::Value &result();
+
+// Names the cause of a failure (the first one named is the one reported), prints it as
+// "tvoxsp: MESSAGE" on standard error and gives `status` back.
+int fail(int status, const std::string &message);
+// The same for a cause the command's own lines have told already: nothing more is printed.
+int noted(int status, const std::string &message);
+
+// "no-device" for 3, ...: the failure class of an exit status.
+const char *failure_class(int status);
+// {"class": ..., "message": ...}, or null for status 0.
+Json::Value error_of(int status);
+
+// A live command: its lines are objects of their own and its end object replaces the envelope.
+// False when standard output was closed (the reader went away).
+bool json_line(const Json::Value &line);
+void set_live_end(const Json::Value &end);
+
+// Writes the document (envelope and fields) of `command` with `status`; nothing in text mode.
+void finish_output(std::string_view command, int status);
+
+// printf into a string.
+std::string text_of(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace tvoxsp
