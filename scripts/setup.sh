@@ -16,8 +16,8 @@ packages=(
 # Cross builds for 32- and 64-bit ARM and their emulated tests (scripts/cross.sh; the target's own
 # packages come from scripts/cross_setup.sh). The cross compilers conflict with gcc-multilib.
 packages+=(g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user-static)
-# `tvoxsp serve` (HTTP, JSON), its page's npm packages and the browser its tests drive.
-packages+=(libcpp-httplib-dev libjsoncpp-dev nodejs npm chromium)
+# `tvoxsp serve` (HTTP), its page's npm packages and the browser its tests drive.
+packages+=(libcpp-httplib-dev nodejs npm chromium)
 missing=()
 for p in "${packages[@]}"; do
   # A Node.js from another source brings its own npm.

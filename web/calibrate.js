@@ -26,8 +26,10 @@ async function measure(command) {
         ch.status, command === 'diagnose' ? (ch.f0 ?? '—') : (ch.stored ? 'yes' : 'no'),
         ohms(ch.in_use_ohms), { text: ch.reason || '', className: 'bad' }]));
     show(verdict, reply);
-    if (reply.result && reply.result.result) verdict.textContent = reply.result.result +
-      (reply.result.ok ? '' : ` (${verdict.textContent})`);
+    const failed = channels.filter((ch) => ch.reason).map((ch) => `${ch.name}: ${ch.reason}`);
+    if (reply.result && reply.result.result)
+      verdict.textContent = [reply.result.result + (reply.result.ok ? '' : ` (${verdict.textContent})`),
+        ...failed].join('; ');
   } catch (error) {
     showError(verdict, error);
   } finally {

@@ -56,7 +56,7 @@ const shading = {
 };
 
 function makePlot(name, holder) {
-  const line = (label, scale, stroke, dash) => ({ label, scale, stroke, width: 1.5, dash });
+  const line = (label, scale, stroke, dash) => ({ label, scale, stroke, width: 1.5, dash, points: { show: false } });
   const opts = {
     title: `${name}`,
     width: Math.max(400, document.body.clientWidth - 60),

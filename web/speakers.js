@@ -2,7 +2,7 @@
 // value and the driver slot (`verify`), each amplifier's active flag and firmware.
 import { fillTable, ohms, run, show, showError } from './api.js';
 
-const value = (reply) => (reply.result && reply.result.ok ? reply.result.values.join(' ') : '?');
+const value = (reply) => (reply.result?.ok && reply.result.values ? reply.result.values.join(' ') : '?');
 const word = (v) => (v ? `${v.cal_r} (${ohms(v.ohms)})` : '—');
 
 export async function refresh() {
