@@ -4,7 +4,6 @@
 #include "child.h"
 #include "commands.h"
 #include "support/sim_fixture.h"
-#include "target.h"
 
 #include <httplib.h>
 #include <json/json.h>
@@ -13,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -277,6 +277,54 @@ TEST_F(ServeTest, ALiveLogStreamsUntilStoppedAndEndsWithItsEndObject)
     EXPECT_EQ(all[1]["type"], "sample") << events;
     EXPECT_EQ(all.back()["type"], "end") << events;
     EXPECT_EQ(all.back()["exit"], 0) << events;
+}
+
+// The server's children, from /proc.
+std::vector<pid_t> children_of(pid_t parent)
+{
+    std::vector<pid_t> children;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (!std::getline(stat, line) || line.rfind(')') == std::string::npos)
+            continue;
+        std::istringstream rest(line.substr(line.rfind(')') + 2));
+        char state = 0;
+        pid_t ppid = 0;
+        if (rest >> state >> ppid && ppid == parent)
+            children.push_back(std::stoi(entry.path().filename()));
+    }
+    return children;
+}
+
+TEST_F(ServeTest, APageThatGoesAwayStopsItsLiveCommand)
+{
+    start();
+    install_phone();
+    const std::string path = "/api/live?token=" + token_ + "&argv=" +
+                             httplib::detail::encode_query_param("[\"monitor\",\"0x4308\"]");
+    std::string events;
+    client_->Get(path.c_str(), [&](const char *data, size_t size) {
+        events.append(data, size);
+        return events.find("\"t_ms\"") == std::string::npos; // gone after the first sample
+    });
+    ASSERT_NE(events.find("\"t_ms\""), std::string::npos) << events;
+    // The server finds the page gone at its next write, within a second.
+    for (int i = 0; i < 50 && !children_of(server_->pid()).empty(); ++i)
+        usleep(100000);
+    EXPECT_TRUE(children_of(server_->pid()).empty());
+}
+
+TEST_F(ServeTest, TheSimulatorsToolRunsOnlyItsListedCommands)
+{
+    start();
+    Json::Value speaker = request({"speaker", "B", "--ohms", "7.5"});
+    const auto res = post("/api/sim", speaker);
+    ASSERT_EQ(res->status, 200);
+    EXPECT_EQ(json(res)["exit"], 0) << res->body;
+    EXPECT_NE(tool("speakers").output.find("B: speaker 7.50 ohm"), std::string::npos);
+    EXPECT_EQ(post("/api/sim", request({"init", "--force", sim_dir()}))->status, 400);
+    EXPECT_EQ(post("/api/run", request({"speaker", "B"}))->status, 400);
 }
 
 } // namespace

@@ -186,7 +186,10 @@ void Dashboard::tuning(const httplib::Request &req, httplib::Response &res) cons
     if (mkdtemp(folder) == nullptr)
         return refuse(res, 500, "no folder for the uploaded file");
     const std::string local = std::string(folder) + "/" + name;
-    std::ofstream(local, std::ios::binary) << (*body)["content"].asString();
+    if (!(std::ofstream(local, std::ios::binary) << (*body)["content"].asString())) {
+        rmdir(folder);
+        return refuse(res, 500, "the uploaded file could not be written");
+    }
     std::string path = local;
     Json::Value out;
     if (options_.target.adb) {
