@@ -259,7 +259,8 @@ int show(std::span<char *const> args)
             return exit_failure;
         }
         std::printf("card %d\n", number);
-        // Listed by element number as clients see them; missing controls follow, marked.
+        // Listed by id as tinymix and tvoxsp count them (from 0, in the order clients see them);
+        // missing controls follow, marked.
         std::vector<ControlFault> faults;
         for (const ControlFault &fault : card->state().lock().control_faults())
             if (fault.kind != ControlFaultKind::none && fault.card == number)
@@ -274,7 +275,7 @@ int show(std::span<char *const> args)
             std::vector<uint8_t> bytes(control.is_bytes() ? control.count : 0);
             if (card->read(order[position], Value{numbers, bytes}) < 0)
                 continue;
-            std::string element = std::to_string(position + 1);
+            std::string element = std::to_string(position);
             std::string values = show_values(control, numbers, bytes);
             for (const ControlFault &fault : faults) {
                 if (control.name != fault.name)
@@ -338,7 +339,10 @@ const Registration registrations[] = {
     Registration{{"run", "[--dir DIR] [--] CMD [ARGS...]", "run a command inside the simulator",
                   run, "--dir=", true}},
     Registration{
-        {"show", "[CARD]", "list the controls of a card (default all) and their values", show}},
+        {"show", "[CARD]",
+         "list the controls of a card (default all) and their values, by id as tinymix counts them "
+         "(from 0)",
+         show}},
     Registration{{"journal", "[--clear]", "print (or empty) the journal of control writes", journal,
                   "--clear"}},
     Registration{{"log", "[--clear]",

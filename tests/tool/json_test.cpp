@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -148,6 +152,147 @@ TEST_F(TvoxspJsonTest, EveryCommandPrintsOneDocument)
         checked(arguments, 3, "no-device");
     EXPECT_NE(checked("calibrate", 3, "no-device")["error"]["message"].asString().find("no card 0"),
               std::string::npos);
+}
+
+} // namespace
+
+namespace
+{
+
+// The lines a live command printed, each parsed.
+std::vector<Json::Value> json_lines(const std::string &text)
+{
+    std::vector<Json::Value> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        Json::Value value;
+        std::istringstream one(line);
+        std::string errors;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), one, &value, &errors)) << line;
+        lines.push_back(value);
+    }
+    return lines;
+}
+
+// Every way a live run ends goes through the stop sequence: logging is off on both DSPs after.
+TEST_F(TvoxspJsonTest, LiveCommandsEndCleanlyHoweverTheyAreStopped)
+{
+    const std::string tool = TVOXSP_TOOL_PATH;
+    const std::string out = sim_dir() + "/out";
+    const struct {
+        std::string command; // output in `out`
+        uint64_t samples;    // 0: any number above 0
+    } cases[] = {
+        {tool + " --json rtlog --interval 20 --count 3 >" + out, 3},
+        {tool + " --json rtlog --interval 20 --duration 0.3 >" + out, 0},
+        {tool + " --json rtlog --interval 20 >" + out + " & sleep 0.4; kill -TERM $!; wait $!", 0},
+        {tool + " --json rtlog --interval 20 >" + out + " & sleep 0.4; kill -HUP $!; wait $!", 0},
+        {tool + " --json rtlog --interval 20 | head -n 2 >" + out, 2},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.command);
+        preset_bytes(0, "T DSP1 Protection cd RTLOG_ENABLE", {0, 0, 0, 1});
+        const tvox::test::CommandResult result = run_command("{ " + c.command + "; } 2>/dev/null");
+        EXPECT_EQ(result.status, 0) << result.output;
+        std::ifstream in(out);
+        const std::vector<Json::Value> lines =
+            json_lines(std::string(std::istreambuf_iterator<char>(in), {}));
+        ASSERT_FALSE(lines.empty());
+        const bool closed = c.command.find("| head") != std::string::npos;
+        const size_t samples = lines.size() - (closed ? 0 : 1);
+        if (c.samples != 0) {
+            EXPECT_EQ(samples, c.samples);
+        }
+        for (size_t i = 0; i < samples; ++i) {
+            EXPECT_EQ(lines[i]["type"].asString(), "sample");
+            ASSERT_EQ(lines[i]["channels"].size(), 2u);
+            EXPECT_EQ(lines[i]["channels"][1]["name"].asString(), "B");
+            EXPECT_EQ(lines[i]["channels"][0]["c1"].asDouble(), 25.0); // a cold coil
+        }
+        if (!closed) {
+            const Json::Value &end = lines.back();
+            EXPECT_EQ(end["type"].asString(), "end");
+            EXPECT_TRUE(end["ok"].asBool());
+            EXPECT_EQ(end["status"].asString(), "rtlog exit - OK");
+            EXPECT_EQ(end["samples"].asUInt64(), samples);
+        }
+        EXPECT_EQ(bytes(0, "T DSP1 Protection cd RTLOG_ENABLE"), std::vector<uint8_t>(4, 0));
+    }
+}
+
+TEST_F(TvoxspJsonTest, MonitorSamplesTheRegistersItIsGiven)
+{
+    const tvox::test::CommandResult result = run_command(
+        "{ { " TVOXSP_TOOL_PATH " --json monitor 0x2020 --count 2 --interval 10 8 --changes; } "
+        "2>/dev/null; }");
+    ASSERT_EQ(result.status, 0) << result.output;
+    const std::vector<Json::Value> lines = json_lines(result.output);
+    // --changes: the registers stay as they are, so the second sample is not printed.
+    ASSERT_GE(lines.size(), 2u) << result.output;
+    const Json::Value &registers = lines[0]["registers"];
+    ASSERT_EQ(registers.size(), 2u);
+    EXPECT_EQ(registers[0]["register"].asUInt(), 0x2020u);
+    EXPECT_EQ(registers[1]["register"].asUInt(), 8u);
+    EXPECT_EQ(registers[0]["channels"][0]["name"].asString(), "T");
+    EXPECT_EQ(lines.back()["type"].asString(), "end");
+    // Text mode: the time of day on each sample; CSV with a header line for the live log.
+    const std::string text =
+        run_command(TVOXSP_TOOL_PATH " monitor 0x2020 --count 1 --interval 10").output;
+    EXPECT_EQ(text.find(':'), 2u) << text;
+    const std::string csv =
+        run_command("{ { " TVOXSP_TOOL_PATH " rtlog --count 2 --interval 10 --csv -o " + sim_dir() +
+                    "/copy.csv; } 2>/dev/null; }")
+            .output;
+    EXPECT_TRUE(csv.starts_with("t_ms,T_c1,T_c1_max,T_c3,T_c3_max,T_reg,T_reg_max,T_active,B_c1"))
+        << csv;
+    std::ifstream copy(sim_dir() + "/copy.csv");
+    const std::string copied(std::istreambuf_iterator<char>(copy), {});
+    EXPECT_TRUE(csv.starts_with(copied)) << copied;
+    EXPECT_EQ(std::count(copied.begin(), copied.end(), '\n'), 3);
+}
+
+} // namespace
+
+namespace
+{
+
+// Every control tvoxsp lists holds, value for value, what the simulator stores; get by id and
+// set agree with it.
+TEST_F(TvoxspJsonTest, ControlsGetAndSetShowTheSimulatorsValues)
+{
+    preset_enum(0, "T PCM Source", "DSP");
+    const Json::Value listing = checked("controls -D 0", 0);
+    EXPECT_EQ(listing["card"].asInt(), 0);
+    const Json::Value &controls = listing["controls"];
+    ASSERT_GT(controls.size(), 20u);
+    for (Json::ArrayIndex i = 0; i < controls.size(); ++i) {
+        const Json::Value &control = controls[i];
+        const std::string name = control["name"].asString();
+        SCOPED_TRACE(name);
+        EXPECT_EQ(control["id"].asUInt(), i);
+        ASSERT_EQ(control["values"].size(), control["count"].asUInt());
+        const std::string type = control["type"].asString();
+        for (Json::ArrayIndex v = 0; v < control["values"].size(); ++v) {
+            const Json::Value &value = control["values"][v];
+            if (type == "ENUM")
+                EXPECT_EQ(value.asString(), enum_item(0, name, v));
+            else if (type == "BYTE")
+                EXPECT_EQ(value.asUInt(), bytes(0, name)[v]);
+            else
+                EXPECT_EQ(value.asInt64(), int_values(0, name)[v]);
+        }
+    }
+    const Json::Value source = checked("get 1", 0);
+    EXPECT_EQ(source["name"].asString(), "T PCM Source");
+    EXPECT_EQ(source["values"][0].asString(), "DSP");
+    EXPECT_EQ(source["items"], controls[1]["items"]);
+    EXPECT_EQ(checked("controls --names", 0)["names"].size(), controls.size());
+
+    const Json::Value set = checked("set 'SPK Digital PCM Volume' 0x10 020", 0);
+    EXPECT_EQ(int_values(0, "SPK Digital PCM Volume"), (std::vector<long>{16, 20}));
+    EXPECT_EQ(set["values"][1].asInt(), 20);
+    EXPECT_LE(set["min"].asInt(), 16);
+    checked("get -D 7 1", 3, "no-device");
 }
 
 } // namespace

@@ -62,8 +62,9 @@ TEST_F(TvoxspToolTest, MistakesAreUsageErrorsThatNameWhatWasWrong)
     } cases[] = {
         {"", 2, "usage: tvoxsp [-v] [--json] <command>"},
         {"frobnicate", 2, "unknown command 'frobnicate'"},
-        {"get", 2, "usage: tvoxsp get [--dsp] CONTROL"},
-        {"set 'T DSP Mode'", 2, "usage: tvoxsp set CONTROL VALUE..."},
+        {"get", 2, "usage: tvoxsp get [-D CARD] [--dsp] CONTROL"},
+        {"get -D x 'T DSP Mode'", 2, "not an unsigned 32-bit number: 'x'"},
+        {"set 'T DSP Mode'", 2, "usage: tvoxsp set [-D CARD] CONTROL VALUE..."},
         {"set 'T DSP Mode' ' , '", 2, "no value for 'T DSP Mode'"},
         {"set 'T DSP Mode'" + tokens, 2, "1025 values for 'T DSP Mode': at most 1024"},
         {"slot write 0x10 -1", 2, "not an unsigned 32-bit number: '-1'"},
@@ -215,7 +216,7 @@ TEST_F(TvoxspFailureTest, FailuresExitNonZeroNamingTheCause)
         {"", wav(8), "play FILE", 1, "was not played: Bitrate is 8 bits", true},
         {"", wav(16), no_card0 + "play FILE", 1, "was not played: Unable to open PCM device", true},
         // Control 22, as the library reads the number: the value fits what is read.
-        {"", "", "get 022", 0, "022 = ", true},
+        {"", "", "get 022", 0, "T DSP1 Protection 5f210 RTLOG_DATA = 0x00", true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.fault + " / " + c.command);
@@ -409,7 +410,9 @@ TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
     } cases[] = {
         {"'T DSP Mode' 0x2", "'T DSP Mode'", "T DSP Mode = 2\n"},
         {"'SPK Digital PCM Volume' 0x64 200", "'SPK Digital PCM Volume'",
-         "SPK Digital PCM Volume = 100 (the first value)\n"},
+         "SPK Digital PCM Volume = 100 200\n"},
+        {"'SPK PCM Source' ASPRX2", "-D 0 'SPK PCM Source'", "SPK PCM Source = ASPRX2 ASPRX1\n"},
+        {"-D 0 6 010", "6", "T DSP Set CAL_AMBIENT = 10\n"}, // id 6, not octal
         {"'B PCM Source' DSP", "'B PCM Source'", "B PCM Source = DSP (item 2)\n"},
         {"'T DSP1 Protection cd RTLOG_COUNT' 0x00 0 0x1 255", "'T DSP1 Protection cd RTLOG_COUNT'",
          "T DSP1 Protection cd RTLOG_COUNT = 0x00 0x00 0x01 0xff\n"},

@@ -8,19 +8,28 @@
 namespace tvoxsp
 {
 
-namespace
-{
-
-// strtoll over the whole text; nothing when it is empty, has trailing characters or overflows.
 std::optional<long long> whole_number(const char *text)
 {
+    const char *digits = text + (*text == '-' || *text == '+' ? 1 : 0);
+    const bool hex = digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X');
     errno = 0;
     char *end = nullptr;
-    const long long value = std::strtoll(text, &end, 0);
-    if (*text == '\0' || *end != '\0' || errno != 0)
+    const long long value = std::strtoll(text, &end, hex ? 16 : 10);
+    if (*text == '\0' || *end != '\0' || errno != 0 || end == digits + (hex ? 2 : 0))
         return std::nullopt;
     return value;
 }
+
+std::optional<uint32_t> control_id(const char *identifier)
+{
+    const std::optional<long long> id = whole_number(identifier);
+    if (!id || *id < 0 || *id > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(*id);
+}
+
+namespace
+{
 
 template <typename Int> std::optional<Int> number_in_range(const char *text, const char *what)
 {

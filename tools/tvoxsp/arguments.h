@@ -12,9 +12,14 @@
 namespace tvoxsp
 {
 
-// An unsigned 32-bit number in C notation (0x2020, 8208, 020).
+// A whole number, decimal or 0x hex (a leading zero is decimal, not octal); nothing when the
+// text is empty, has other characters or overflows.
+std::optional<long long> whole_number(const char *text);
+// A control id as tinymix counts them, or nothing when `identifier` is no such number (a name).
+std::optional<uint32_t> control_id(const char *identifier);
+// An unsigned 32-bit number (0x2020, 8208; 020 is 20).
 std::optional<uint32_t> unsigned_number(const char *text);
-// A signed 32-bit number in C notation (-1, 0x10).
+// A signed 32-bit number (-1, 0x10).
 std::optional<int32_t> signed_number(const char *text);
 // Every argument as an unsigned 32-bit number, or nothing when one is not.
 std::optional<std::vector<uint32_t>> unsigned_numbers(Args args);

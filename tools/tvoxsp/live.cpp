@@ -184,7 +184,7 @@ void LiveRun::emit(const std::string &line)
 
 void LiveRun::pass(std::string_view line)
 {
-    if (out_ < 0)
+    if (out_ < 0 || options_.csv) // the output holds JSON or CSV alone
         std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
     else if (!write_all(out_, std::string(line) + "\n"))
         stop();
@@ -193,8 +193,11 @@ void LiveRun::pass(std::string_view line)
 void LiveRun::sample(Json::Value json, const std::string &text, const std::string &csv_header,
                      const std::string &csv_row)
 {
-    if (options_.count != 0 && samples_ >= options_.count)
+    // --count counts the samples taken, printed or not: a run ends when asked.
+    if (options_.count != 0 && taken_ >= options_.count)
         return; // the stop is on its way
+    if (++taken_ == options_.count)
+        stop();
     const std::string key = json.toStyledString();
     if (options_.changes && key == previous_)
         return;
@@ -223,8 +226,6 @@ void LiveRun::sample(Json::Value json, const std::string &text, const std::strin
     } else {
         emit(text + "\n");
     }
-    if (options_.count != 0 && samples_ >= options_.count)
-        stop();
 }
 
 } // namespace tvoxsp

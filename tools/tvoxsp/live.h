@@ -55,7 +55,7 @@ class LiveRun
     void sample(Json::Value json, const std::string &text, const std::string &csv_header,
                 const std::string &csv_row);
     // Another line the library printed on standard output: passed on as it was (to standard
-    // error in JSON mode).
+    // error in JSON and CSV mode).
     void pass(std::string_view line);
     uint64_t samples() const { return samples_; }
     // Milliseconds since the run started.
@@ -69,7 +69,8 @@ class LiveRun
     bool ready_ = true;
     int out_ = -1; // standard output as the run found it (text mode)
     std::FILE *file_ = nullptr;
-    uint64_t samples_ = 0;
+    uint64_t taken_ = 0;
+    uint64_t samples_ = 0; // printed
     bool header_done_ = false;
     std::string previous_;
     int64_t start_ns_ = 0;

@@ -6,14 +6,18 @@
 #include "mixer/paths.h"
 #include "output.h"
 
+#include <json/json.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tvoxsp
@@ -25,76 +29,221 @@ namespace
 // The setter takes at most this many tokens; more would end the process.
 constexpr size_t kMaxValueTokens = 1024;
 
-tvox::MixerHandle open_card0()
+// "-D CARD" anywhere in the arguments, as tinymix takes it (card 0 by default); the other
+// arguments stay in order. Nothing (the reason printed) for a card that is no number.
+std::optional<unsigned int> take_card(Args args, std::vector<char *> &rest)
 {
-    tvox::MixerHandle mixer = tvox::open_mixer();
+    unsigned int card = tvox::kAmpCard;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (std::string_view(args[i]) != "-D") {
+            rest.push_back(args[i]);
+            continue;
+        }
+        const std::optional<uint32_t> number =
+            i + 1 < args.size() ? unsigned_number(args[++i]) : std::nullopt;
+        if (!number)
+            return std::nullopt;
+        card = *number;
+    }
+    return card;
+}
+
+tvox::MixerHandle open_card(unsigned int card)
+{
+    tvox::MixerHandle mixer = tvox::open_mixer(card);
     if (!mixer)
-        fail(kNoDevice, "card 0's mixer does not open: run it on the device or inside tvoxsim");
+        fail(kNoDevice, text_of("card %u's mixer does not open: run it on the device or inside "
+                                "tvoxsim",
+                                card));
     return mixer;
 }
 
-// The control as the library finds it: a wholly numeric identifier in any base names a control,
-// whose number the library then reads the plain decimal way ("022" is control 22).
+// The control an identifier names: its id as tinymix counts them (from 0, decimal or 0x hex) or
+// its name.
 struct mixer_ctl *lookup_control(struct mixer *mixer, const char *identifier)
 {
-    char *end = nullptr;
-    std::strtol(identifier, &end, 0);
-    return *identifier != '\0' && *end == '\0'
-               ? mixer_get_ctl(mixer, static_cast<unsigned int>(std::atoi(identifier)))
-               : mixer_get_ctl_by_name(mixer, identifier);
+    if (const std::optional<uint32_t> id = control_id(identifier))
+        return mixer_get_ctl(mixer, *id);
+    return mixer_get_ctl_by_name(mixer, identifier);
+}
+
+// "BOOL", "INT", "ENUM", "BYTE" (tinyalsa's words).
+std::string type_of(struct mixer_ctl *ctl)
+{
+    return mixer_ctl_get_type_string(ctl);
+}
+
+// A control as tinymix shows it, for the text and the JSON: id, name, type, value count, every
+// value (enum items by name), the items of an enum and the range of an integer.
+struct ControlView {
+    unsigned int id;
+    std::string name;
+    std::string type;
+    unsigned int count;
+    Json::Value values{Json::arrayValue};
+    Json::Value items{Json::arrayValue};
+    std::optional<std::pair<int, int>> range;
+};
+
+ControlView view_of(struct mixer *mixer, struct mixer_ctl *ctl)
+{
+    ControlView view;
+    view.id = mixer_ctl_get_id(ctl);
+    view.name = mixer_ctl_get_name(ctl);
+    view.type = type_of(ctl);
+    view.count = mixer_ctl_get_num_values(ctl);
+    const enum mixer_ctl_type type = mixer_ctl_get_type(ctl);
+    if (type == MIXER_CTL_TYPE_BYTE) {
+        // The library's reader takes a byte control whole, a TLV one as well.
+        std::vector<uint8_t> bytes(view.count + sizeof(int32_t));
+        if (tervox_tmixer_get(mixer, view.name.c_str(), bytes.data()) ==
+            static_cast<int32_t>(view.count))
+            for (unsigned int i = 0; i < view.count; ++i)
+                view.values.append(bytes[i]);
+        return view;
+    }
+    if (type == MIXER_CTL_TYPE_ENUM)
+        for (unsigned int item = 0; item < mixer_ctl_get_num_enums(ctl); ++item)
+            view.items.append(mixer_ctl_get_enum_string(ctl, item));
+    for (unsigned int i = 0; i < view.count; ++i) {
+        const int value = mixer_ctl_get_value(ctl, i);
+        if (type == MIXER_CTL_TYPE_ENUM && value >= 0 &&
+            value < static_cast<int>(view.items.size()))
+            view.values.append(view.items[value]);
+        else
+            view.values.append(value);
+    }
+    if (type == MIXER_CTL_TYPE_INT)
+        view.range = {mixer_ctl_get_range_min(ctl), mixer_ctl_get_range_max(ctl)};
+    return view;
+}
+
+Json::Value json_of(const ControlView &view, bool with_id = true)
+{
+    Json::Value control;
+    if (with_id)
+        control["id"] = view.id;
+    control["name"] = view.name;
+    control["type"] = view.type;
+    control["count"] = view.count;
+    control["values"] = view.values;
+    if (view.type == "ENUM")
+        control["items"] = view.items;
+    if (view.range) {
+        control["min"] = view.range->first;
+        control["max"] = view.range->second;
+    }
+    return control;
+}
+
+// "0x00 0x01" for bytes, "DSP" or "100 200" for the others.
+std::string values_text(const ControlView &view)
+{
+    std::string text;
+    for (const Json::Value &value : view.values) {
+        text += text.empty() ? "" : " ";
+        text += value.isString()      ? value.asString()
+                : view.type == "BYTE" ? text_of("0x%02x", value.asUInt())
+                                      : std::to_string(value.asInt());
+    }
+    return text;
+}
+
+// Prints what get and set show, and fills the document.
+void show(unsigned int card, const ControlView &view)
+{
+    std::printf("%s = %s", view.name.c_str(), values_text(view).c_str());
+    if (view.type == "ENUM" && view.count == 1) {
+        for (unsigned int item = 0; item < view.items.size(); ++item)
+            if (view.items[item] == view.values[0])
+                std::printf(" (item %u)", item);
+    }
+    std::printf("\n");
+    result()["card"] = card;
+    const Json::Value control = json_of(view);
+    for (const std::string &field : control.getMemberNames())
+        result()[field] = control[field];
 }
 
 int get(Args args)
 {
-    const bool dsp = !args.empty() && std::string_view(args[0]) == "--dsp";
-    if (args.size() != (dsp ? 2u : 1u))
+    std::vector<char *> rest;
+    const std::optional<unsigned int> card = take_card(args, rest);
+    if (!card)
         return kUsage;
-    const char *name = args.back();
-    const tvox::MixerHandle mixer = open_card0();
+    const bool dsp = !rest.empty() && std::string_view(rest[0]) == "--dsp";
+    if (rest.size() != (dsp ? 2u : 1u))
+        return kUsage;
+    const char *name = rest.back();
+    const tvox::MixerHandle mixer = open_card(*card);
     if (!mixer)
         return kNoDevice;
     struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
-    if (ctl == nullptr) {
-        std::fprintf(stderr, "tvoxsp: card 0 has no control '%s'\n", name);
-        return kFailed;
-    }
-    const enum mixer_ctl_type type = mixer_ctl_get_type(ctl);
-    const unsigned int count = mixer_ctl_get_num_values(ctl);
+    if (ctl == nullptr)
+        return fail(kFailed, text_of("card %u has no control '%s'", *card, name));
     if (dsp) {
-        if (type != MIXER_CTL_TYPE_BYTE || count != 4) {
-            std::fprintf(stderr, "tvoxsp: '%s' is not a 4-byte DSP parameter\n", name);
-            return kFailed;
-        }
-        std::printf("%s = %d\n", name, static_cast<int>(tervox_dsp_tmixer_get(mixer.get(), name)));
+        if (mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE || mixer_ctl_get_num_values(ctl) != 4)
+            return fail(kFailed, text_of("'%s' is not a 4-byte DSP parameter", name));
+        const int32_t value = tervox_dsp_tmixer_get(mixer.get(), mixer_ctl_get_name(ctl));
+        std::printf("%s = %d\n", mixer_ctl_get_name(ctl), static_cast<int>(value));
+        result()["card"] = *card;
+        result()["id"] = mixer_ctl_get_id(ctl);
+        result()["name"] = mixer_ctl_get_name(ctl);
+        result()["dsp_value"] = value;
         return 0;
     }
-    // The reader fills one word per value, or one byte per byte; it prints an enum's item.
-    std::vector<int32_t> out(count + 1u, 0);
-    const bool enumerated = type == MIXER_CTL_TYPE_ENUM;
-    if (enumerated)
-        std::printf("%s = ", name);
-    if (tervox_tmixer_get(mixer.get(), name, out.data()) == 0 && count != 0) {
-        std::fprintf(stderr, "%stvoxsp: '%s' cannot be read\n", enumerated ? "\n" : "", name);
-        return kFailed;
-    }
-    if (enumerated) {
-        std::printf(" (item %d)\n", static_cast<int>(out[0]));
-    } else if (type == MIXER_CTL_TYPE_BYTE) {
-        std::printf("%s =", name);
-        const auto *bytes = reinterpret_cast<const uint8_t *>(out.data());
-        for (unsigned int i = 0; i < count; ++i)
-            std::printf(" 0x%02x", bytes[i]);
-        std::printf("\n");
-    } else {
-        std::printf("%s = %d%s\n", name, static_cast<int>(out[0]),
-                    count > 1 ? " (the first value)" : "");
-    }
+    const ControlView view = view_of(mixer.get(), ctl);
+    if (view.values.size() != view.count)
+        return fail(kFailed, text_of("'%s' cannot be read", name));
+    show(*card, view);
     return 0;
 }
 
-// The value words as one value text. The setter reads the numbers of a byte control in any
-// base but those of other controls in decimal only, so their hex and octal numbers are written
-// out in decimal here.
+// tinymix's listing: a line per control with every value, enum items with the current one
+// marked, integer ranges; --names: the names alone.
+int controls(Args args)
+{
+    std::vector<char *> rest;
+    const std::optional<unsigned int> card = take_card(args, rest);
+    const bool names = rest.size() == 1 && std::string_view(rest[0]) == "--names";
+    if (!card || rest.size() != (names ? 1u : 0u))
+        return kUsage;
+    const tvox::MixerHandle mixer = open_card(*card);
+    if (!mixer)
+        return kNoDevice;
+    Json::Value list(Json::arrayValue);
+    if (!names)
+        std::printf("%-4s %-5s %-5s %-44s %s\n", "id", "type", "count", "name", "values");
+    for (unsigned int id = 0; id < mixer_get_num_ctls(mixer.get()); ++id) {
+        struct mixer_ctl *ctl = mixer_get_ctl(mixer.get(), id);
+        if (ctl == nullptr)
+            continue;
+        const ControlView view = view_of(mixer.get(), ctl);
+        list.append(names ? Json::Value(view.name) : json_of(view));
+        if (names) {
+            std::printf("%s\n", view.name.c_str());
+            continue;
+        }
+        std::string values = values_text(view);
+        if (view.type == "ENUM") {
+            values.clear();
+            for (const Json::Value &item : view.items)
+                values += (values.empty() ? "" : " ") +
+                          std::string(item == view.values[0] ? ">" : "") + item.asString();
+        }
+        if (view.range)
+            values += text_of(" (range %d->%d)", view.range->first, view.range->second);
+        std::printf("%-4u %-5s %-5u %-44s %s\n", id, view.type.c_str(), view.count,
+                    view.name.c_str(), values.c_str());
+    }
+    result()["card"] = *card;
+    result()[names ? "names" : "controls"] = list;
+    return 0;
+}
+
+// The value words as one value text. The setter reads the numbers of a byte control by its own
+// rules (any C base) but those of other controls in decimal only, so their 0x hex numbers are
+// written out in decimal here (a leading zero is decimal, as everywhere in the tool).
 std::string value_text(Args words, bool decimal_only)
 {
     std::string text;
@@ -105,12 +254,9 @@ std::string value_text(Args words, bool decimal_only)
             const std::string token(rest.substr(0, end));
             if (token.empty())
                 continue;
-            errno = 0;
-            char *stop = nullptr;
-            const long long number = std::strtoll(token.c_str(), &stop, 0);
-            const bool numeric = *stop == '\0' && errno == 0;
+            const std::optional<long long> number = whole_number(token.c_str());
             text += (text.empty() ? "" : " ") +
-                    (decimal_only && numeric ? std::to_string(number) : token);
+                    (decimal_only && number ? std::to_string(*number) : token);
         }
     }
     return text;
@@ -123,15 +269,19 @@ size_t token_count(const std::string &text)
 
 int set(Args args)
 {
-    if (args.size() < 2)
+    std::vector<char *> rest;
+    const std::optional<unsigned int> card = take_card(args, rest);
+    if (!card || rest.size() < 2)
         return kUsage;
-    const char *name = args[0];
-    const tvox::MixerHandle mixer = open_card0();
+    const char *name = rest[0];
+    const tvox::MixerHandle mixer = open_card(*card);
     if (!mixer)
         return kNoDevice;
     struct mixer_ctl *ctl = lookup_control(mixer.get(), name);
+    // The setter finds a control by its name (a number it would read as its own id).
+    const char *identifier = ctl != nullptr ? mixer_ctl_get_name(ctl) : name;
     const std::string value = value_text(
-        args.subspan(1), ctl != nullptr && mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE);
+        Args(rest).subspan(1), ctl != nullptr && mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE);
     if (token_count(value) == 0) {
         std::fprintf(stderr, "tvoxsp: no value for '%s'\n", name);
         return kUsage;
@@ -141,12 +291,12 @@ int set(Args args)
                      token_count(value), name, kMaxValueTokens);
         return kUsage;
     }
-    const int32_t result = tervox_tmixer_set(mixer.get(), name, value.c_str());
-    if (result == 0)
-        return 0;
-    std::fprintf(stderr, "tvoxsp: setting '%s' to '%s' failed (code %d)\n", name, value.c_str(),
-                 static_cast<int>(result));
-    return kFailed;
+    const int32_t written = tervox_tmixer_set(mixer.get(), identifier, value.c_str());
+    if (written != 0)
+        return fail(kFailed, text_of("setting '%s' to '%s' failed (code %d)", name, value.c_str(),
+                                     static_cast<int>(written)));
+    show(*card, view_of(mixer.get(), ctl));
+    return 0;
 }
 
 int mixer_test(Args args)
@@ -225,13 +375,22 @@ int path(Args args)
 }
 
 constexpr std::array kMixerCommands = {
-    Command{"get", "[--dsp] CONTROL",
-            "read a card 0 control (by name, or by number); --dsp: a 4-byte DSP parameter as "
-            "its signed 25-bit value",
-            get},
-    Command{"set", "CONTROL VALUE...",
-            "write a card 0 control: numbers (hex or decimal) per value or byte, or an enum item",
-            set},
+    Command{"get", "[-D CARD] [--dsp] CONTROL",
+            "read a control (by name, or by id as tinymix counts them from 0): every value, "
+            "enum items by name; --dsp: a 4-byte DSP parameter as its signed 25-bit value",
+            get,
+            "-D CARD  the card (default 0)\n--dsp  read a 4-byte DSP parameter as its signed "
+            "25-bit value",
+            "tvoxsp get -D 0 'T PCM Source'"},
+    Command{"set", "[-D CARD] CONTROL VALUE...",
+            "write a control through the library's setter: numbers per value (decimal or 0x hex) "
+            "or an enum item; a byte control's bytes keep the setter's own rules (any C base)",
+            set, "-D CARD  the card (default 0)", "tvoxsp set 'T PCM Source' DSP"},
+    Command{"controls", "[-D CARD] [--names]",
+            "list every control of the card as tinymix does: id, type, value count, name, every "
+            "value (enum items, the current one marked >), integer ranges",
+            controls, "-D CARD  the card (default 0)\n--names  the names alone (for completion)",
+            "tvoxsp controls --names"},
     Command{"mixer-test", "", "write a known value to a byte control and print what reads back",
             mixer_test},
     Command{"path", "NAME | --list", "apply one of the library's named mixer paths on card 0",
