@@ -296,3 +296,47 @@ TEST_F(TvoxspJsonTest, ControlsGetAndSetShowTheSimulatorsValues)
 }
 
 } // namespace
+
+namespace
+{
+
+// The engineering commands report what they read, wrote, applied or judged.
+TEST_F(TvoxspJsonTest, EngineeringCommandsReportWhatTheyDid)
+{
+    const Json::Value written = checked("reg write 0x2020 9", 0);
+    EXPECT_EQ(written["register"].asUInt(), 0x2020u);
+    EXPECT_EQ(written["written"].asUInt(), 9u);
+    const Json::Value read = checked("reg read 8224", 0);
+    ASSERT_EQ(read["channels"].size(), 2u);
+    for (const Json::Value &channel : read["channels"])
+        EXPECT_EQ(channel["value"].asUInt(), 9u) << channel["name"];
+    const Json::Value updated = checked("reg update 0x2020 0x1 0", 0);
+    EXPECT_EQ(updated["channels"][1]["value"].asUInt(), 8u);
+
+    EXPECT_EQ(checked("info", 0)["channels"][1]["name"].asString(), "B");
+    const Json::Value steps = checked("path --show amp_off", 0)["steps"];
+    ASSERT_FALSE(steps.empty());
+    EXPECT_EQ(steps[0]["control"].asString(), "T PCM Source");
+    preset_ints(0, "T AMP Enable Switch", {1});
+    EXPECT_EQ(checked("path amp_off", 0)["path"].asString(), "amp_off");
+    EXPECT_EQ(enum_item(0, steps[0]["control"].asString()), steps[0]["value"].asString());
+    EXPECT_EQ(int_values(0, "T AMP Enable Switch"), std::vector<long>{0});
+    EXPECT_EQ(checked("module config", 0)["types"].size(), 2u);
+    EXPECT_EQ(checked("bypass T on", 0)["channel"].asString(), "T");
+
+    const std::string good = folder_file("good.txt", "5,100,200,300,4292077319\n");
+    const Json::Value check = checked("tuning check " + good, 0);
+    EXPECT_EQ(check["kind"].asString(), "delta");
+    EXPECT_TRUE(check["loads"].asBool());
+    EXPECT_EQ(check["blocks"][0]["crc"].asUInt(), 4292077319u);
+    EXPECT_EQ(checked("tuning delta " + good, 0)["sent_blocks"].asUInt(), 1u);
+    const std::string bad = folder_file("bad.txt", "5,100,200,300,1\n");
+    const Json::Value refused = checked("tuning check " + bad, 1, "failed");
+    EXPECT_FALSE(refused["loads"].asBool());
+    EXPECT_FALSE(refused["blocks"][0]["ok"].asBool());
+    EXPECT_NE(refused["error"]["message"].asString().find("line 1: CRC"), std::string::npos);
+    ASSERT_EQ(tool("driver fault absent").status, 0);
+    checked("module on", 3, "no-device");
+}
+
+} // namespace

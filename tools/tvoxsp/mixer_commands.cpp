@@ -346,32 +346,66 @@ constexpr std::array kPaths = {
     NamedPath{"rtlog_stop", tvox::rtlog_stop_path, "live logging disabled (tervox_prot_rtlog)"},
 };
 
+const NamedPath *named_path(std::string_view name)
+{
+    for (const NamedPath &path : kPaths) {
+        if (path.name == name)
+            return &path;
+    }
+    fail(kUsage, text_of("unknown path '%.*s' (see tvoxsp path --list)",
+                         static_cast<int>(name.size()), name.data()));
+    return nullptr;
+}
+
+// The control and value pairs a path applies, in order.
+int show_path(const NamedPath &path)
+{
+    Json::Value steps(Json::arrayValue);
+    for (const tvox::PathEntry &step : path.steps) {
+        std::printf("%s = %s\n", step.control, step.value);
+        Json::Value entry;
+        entry["control"] = step.control;
+        entry["value"] = step.value;
+        steps.append(entry);
+    }
+    result()["path"] = std::string(path.name);
+    result()["steps"] = steps;
+    return 0;
+}
+
 int path(Args args)
 {
-    if (args.size() != 1)
+    const bool show = args.size() == 2 && std::string_view(args[0]) == "--show";
+    if (args.size() != (show ? 2u : 1u))
         return kUsage;
-    const std::string_view name = args[0];
-    if (name == "--list") {
-        for (const NamedPath &path : kPaths)
+    const std::string_view name = args.back();
+    if (name == "--list" && !show) {
+        Json::Value list(Json::arrayValue);
+        for (const NamedPath &path : kPaths) {
             std::printf("%-18.*s %.*s\n", static_cast<int>(path.name.size()), path.name.data(),
                         static_cast<int>(path.effect.size()), path.effect.data());
+            Json::Value entry;
+            entry["name"] = std::string(path.name);
+            entry["effect"] = std::string(path.effect);
+            list.append(entry);
+        }
+        result()["paths"] = list;
         return 0;
     }
-    for (const NamedPath &path : kPaths) {
-        if (path.name != name)
-            continue;
-        Session session;
-        const int32_t result = tvox::apply_path(path.steps);
-        if (result == kNoMixer && !card0_opens())
-            return kNoDevice;
-        if (result == 0)
-            return 0;
-        std::fprintf(stderr, "tvoxsp: path %s failed (code %d)\n", args[0],
-                     static_cast<int>(result));
-        return kFailed;
-    }
-    std::fprintf(stderr, "tvoxsp: unknown path '%s' (see tvoxsp path --list)\n", args[0]);
-    return kUsage;
+    const NamedPath *path = named_path(name);
+    if (path == nullptr)
+        return kUsage;
+    if (show)
+        return show_path(*path);
+    Session session;
+    result()["path"] = std::string(path->name);
+    const int32_t applied = tvox::apply_path(path->steps);
+    if (applied == kNoMixer && !card0_opens())
+        return kNoDevice;
+    if (applied == 0)
+        return 0;
+    return fail(kApplying, text_of("path %s failed (code %d)", std::string(name).c_str(),
+                                   static_cast<int>(applied)));
 }
 
 constexpr std::array kMixerCommands = {
@@ -393,8 +427,11 @@ constexpr std::array kMixerCommands = {
             "tvoxsp controls --names"},
     Command{"mixer-test", "", "write a known value to a byte control and print what reads back",
             mixer_test},
-    Command{"path", "NAME | --list", "apply one of the library's named mixer paths on card 0",
-            path},
+    Command{"path", "NAME | --show NAME | --list",
+            "apply one of the library's named mixer paths on card 0; --show: print the control "
+            "and value pairs it applies; --list: name every path",
+            path, "--show NAME  the path's control and value pairs\n--list  every path",
+            "tvoxsp path --show amp_off"},
 };
 
 } // namespace

@@ -62,6 +62,9 @@ int play(Args args)
         *step += why_pcm_is_closed(graph ? ctx.play_card : 0, graph ? ctx.play_device : 0);
     // The WAV player names the format it plays; it says nothing when it plays nothing.
     const bool played = graph || printed.find("Playing sample:") != std::string::npos;
+    tvoxsp::result()["file"] = ctx.silent_wav_path ? ctx.silent_wav_path : "";
+    tvoxsp::result()["card"] = graph ? ctx.play_card : 0;
+    tvoxsp::result()["device"] = graph ? ctx.play_device : 0;
     if (result == 0 && !step && played)
         return 0;
     const bool busy = step && step->find("busy") != std::string::npos;

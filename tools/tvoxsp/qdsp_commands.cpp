@@ -126,6 +126,7 @@ struct Judgement {
     tuning::Layout layout;
     std::vector<std::string> report;
     std::vector<Finding> findings;
+    Json::Value block_list{Json::arrayValue}; // {"line", "ok", "size", "crc", "message"}
     size_t blocks = 0;
     size_t words = 0;
 
@@ -151,8 +152,16 @@ void judge_block(Judgement &judgement, const tuning::BlockText &b)
     ++judgement.blocks;
     const tuning::Block block = tuning::parse_block(b.text);
     std::string line = printed("line %zu: size %" PRId32, b.line, block.size);
+    Json::Value &entry = judgement.block_list.append(Json::Value(Json::objectValue));
+    entry["line"] = static_cast<Json::UInt64>(b.line);
+    entry["size"] = block.size;
+    entry["ok"] = true;
+    entry["message"] = Json::nullValue;
     const auto refuse = [&](const std::string &why, bool cosmetic = false) {
         judgement.findings.push_back({b.line, cosmetic, why});
+        entry["ok"] = false;
+        if (entry["message"].isNull())
+            entry["message"] = why;
     };
     switch (block.state) {
     case tuning::BlockState::size_overflow:
@@ -173,6 +182,8 @@ void judge_block(Judgement &judgement, const tuning::BlockText &b)
     }
     judgement.words += static_cast<size_t>(block.size);
     const tuning::Crc crc = *tuning::check_block(block);
+    entry["crc"] = crc.stored;
+    entry["computed_crc"] = crc.computed;
     line += printed(", %" PRId32 " payload words, CRC stored 0x%08" PRIX32 " computed 0x%08" PRIX32
                     ": %s",
                     block.size - 2 < 0 ? 0 : block.size - 2, crc.stored, crc.computed,
@@ -232,7 +243,15 @@ int check(const char *path)
         std::printf("%s\n", line.c_str());
     std::printf("%zu blocks: %s\n", judgement->blocks,
                 judgement->accepted() ? "accepted" : "rejected");
-    return judgement->accepted() ? 0 : kFailed;
+    result()["file"] = path;
+    result()["kind"] = layout == tuning::Layout::rx_config ? "receive" : "delta";
+    result()["blocks"] = judgement->block_list;
+    result()["loads"] = judgement->accepted();
+    if (judgement->accepted())
+        return 0;
+    const Finding &first = judgement->findings.front();
+    return noted(kFailed,
+                 first.line == 0 ? first.text : printed("line %zu: ", first.line) + first.text);
 }
 
 // A token of a block as written by hand: a decimal integer of 32 bits, blanks around it.
@@ -348,14 +367,14 @@ std::optional<std::string> driver_failure(size_t mark, size_t requests)
            error_name(error);
 }
 
-// Says why the driver did not take everything; kFailed then.
+// Says why the driver did not take everything: a device that does not open is no device, a
+// refused request a failure to apply.
 int driver_status(size_t mark, size_t requests)
 {
     const std::optional<std::string> failure = driver_failure(mark, requests);
     if (!failure)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s\n", failure->c_str());
-    return kFailed;
+    return fail(failure->starts_with("cannot open") ? kNoDevice : kApplying, *failure);
 }
 
 struct Loader {
@@ -400,10 +419,13 @@ int load(const Loader &loader, const char *path, bool force)
         return kFailed;
     }
     const size_t requests = judgement->words / kChunkWords + 1 + loader.closing_requests;
-    if (driver_status(mark, requests) != 0)
-        return kFailed;
+    if (const int status = driver_status(mark, requests); status != 0)
+        return status;
     std::printf("%s: %s of %zu blocks, %zu words sent\n", path, loader.what, judgement->blocks,
                 judgement->words);
+    result()["file"] = path;
+    result()["sent_blocks"] = static_cast<Json::UInt64>(judgement->blocks);
+    result()["sent_words"] = static_cast<Json::UInt64>(judgement->words);
     return 0;
 }
 
@@ -473,8 +495,18 @@ int module(Args args)
         const std::optional<bool> on = on_off(args[1]);
         if (!on)
             return kUsage;
+        result()["swap"] = *on ? "on" : "off";
         return controls_written([on] { return tervox_qdsp_channel_swap(*on ? 1 : 0); },
                                 "the module's channel swap was not set");
+    }
+    if (args.size() == 1 && action == "config") {
+        // Both types select the swapped order; the library ignores any other.
+        std::printf("configuration types: 0, 1 (both select the swapped channel order)\n");
+        Json::Value types(Json::arrayValue);
+        types.append(0);
+        types.append(1);
+        result()["types"] = types;
+        return 0;
     }
     if (args.size() == 2 && action == "config") {
         const std::optional<int32_t> type = signed_number(args[1]);
@@ -485,6 +517,7 @@ int module(Args args)
             std::fprintf(stderr, "tvoxsp: configuration type %s: the types are 0 and 1\n", args[1]);
             return kUsage;
         }
+        result()["type"] = *type;
         return controls_written([type] { return tervox_qdsp_config_select(nullptr, *type); },
                                 "the configuration type was not selected");
     }
@@ -493,6 +526,7 @@ int module(Args args)
     const std::optional<bool> on = on_off(action);
     if (!on)
         return kUsage;
+    result()["state"] = *on ? "on" : "off";
     const size_t mark = library_log_mark();
     tervox_qdsp_enable(*on ? 1 : 0);
     return driver_status(mark, 1);
@@ -509,9 +543,9 @@ constexpr std::array kQdspCommands = {
             tuning_command,
             "--force  send a file whose only faults are cosmetic (tokens after the CRC)",
             "tvoxsp tuning check delta.txt && tvoxsp tuning delta delta.txt"},
-    Command{"module", "on|off | swap on|off | config TYPE",
+    Command{"module", "on|off | swap on|off | config [TYPE]",
             "switch the protection module, swap its channels, select a configuration type "
-            "(TYPE 0 or 1)",
+            "(config alone lists the types: 0 and 1)",
             module, "", "tvoxsp module config 1"},
 };
 

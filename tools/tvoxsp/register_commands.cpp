@@ -7,6 +7,7 @@
 #include "rtlog_plot.h"
 #include "stream_tap.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -34,21 +35,55 @@ int without_arguments(Args args, int32_t (*operation)())
     return zero_is_success(result);
 }
 
+// A register line of the register tools ("read : 0x2020 -- T: 0x00000008, B: 0x00000008,"):
+// its values per channel; nothing for other lines (or another operation than `op`).
+std::optional<Json::Value> register_values(std::string_view line, std::string_view op)
+{
+    const size_t dash = line.find(" -- ");
+    if (!line.starts_with(std::string(op) + " : ") || dash == std::string_view::npos)
+        return std::nullopt;
+    Json::Value channels(Json::arrayValue);
+    const std::string rest(line.substr(dash + 4));
+    for (size_t at = 0; at < rest.size();) {
+        const size_t colon = rest.find(": 0x", at);
+        if (colon == std::string::npos)
+            break;
+        const size_t name_start = rest.find_first_not_of(' ', at);
+        Json::Value channel;
+        channel["name"] = rest.substr(name_start, colon - name_start);
+        char *end = nullptr;
+        channel["value"] =
+            static_cast<Json::UInt>(std::strtoul(rest.c_str() + colon + 2, &end, 16));
+        channels.append(channel);
+        at = static_cast<size_t>(end - rest.c_str()) + 1;
+    }
+    return channels;
+}
+
 // The register tools read through the register control of each amplifier; a control that is
 // missing or refuses the request leaves 0 in the printed line as if it were read.
-int registers(int32_t result, StreamTap &errors, const char *what)
+// The values printed go to "channels".
+int registers(int32_t status, StreamTap &errors, const char *what, std::string_view op)
 {
-    if (result == 1) {
+    if (status == 1) {
         card0_opens();
         return kNoDevice;
     }
-    if (!setter_refused(errors.text()))
-        return zero_is_success(result);
-    std::fprintf(stderr,
-                 "tvoxsp: %s: the register control refused the request: the values "
-                 "shown were not read\n",
-                 what);
-    return kFailed;
+    const std::string printed = errors.text();
+    for (size_t start = 0; start < printed.size();) {
+        const size_t end = std::min(printed.find('\n', start), printed.size());
+        if (const auto values = register_values(printed.substr(start, end - start), op))
+            result()["channels"] = *values;
+        start = end + 1;
+    }
+    if (!setter_refused(printed))
+        return zero_is_success(status);
+    // The setter names a control it does not find: that amplifier's register control is missing.
+    const bool missing = printed.find("Invalid mixer control") != std::string::npos;
+    return fail(missing ? kNoDevice : kFailed,
+                text_of("%s: the register control refused the request: the values "
+                        "shown were not read",
+                        what));
 }
 
 int reg(Args args)
@@ -62,12 +97,20 @@ int reg(Args args)
     const std::vector<uint32_t> &v = *values;
     Session session;
     StreamTap errors(2);
+    if (!v.empty())
+        result()["register"] = v[0];
     if (op == "read" && v.size() == 1)
-        return registers(tervox_log_reg_read(v[0]), errors, "reg read");
-    if (op == "write" && v.size() == 2)
-        return registers(tervox_log_reg_write(v[0], v[1]), errors, "reg write");
-    if (op == "update" && v.size() == 3)
-        return registers(tervox_log_reg_update_bits(v[0], v[1], v[2]), errors, "reg update");
+        return registers(tervox_log_reg_read(v[0]), errors, "reg read", "read");
+    if (op == "write" && v.size() == 2) {
+        result()["written"] = v[1];
+        return registers(tervox_log_reg_write(v[0], v[1]), errors, "reg write", "write");
+    }
+    if (op == "update" && v.size() == 3) {
+        result()["mask"] = v[1];
+        result()["value"] = v[2];
+        return registers(tervox_log_reg_update_bits(v[0], v[1], v[2]), errors, "reg update",
+                         "update bits");
+    }
     return kUsage;
 }
 
@@ -170,31 +213,6 @@ int rtlog(Args args)
                                                 "lines above)"));
 }
 
-// One register's line of the monitor ("read : 2020 -- T: 0x00000008, B: 0x00000008,"): its
-// values per channel; nothing for other lines.
-std::optional<Json::Value> monitor_values(std::string_view line)
-{
-    const size_t dash = line.find(" -- ");
-    if (!line.starts_with("read : ") || dash == std::string_view::npos)
-        return std::nullopt;
-    Json::Value channels(Json::arrayValue);
-    const std::string rest(line.substr(dash + 4));
-    for (size_t at = 0; at < rest.size();) {
-        const size_t colon = rest.find(": 0x", at);
-        if (colon == std::string::npos)
-            break;
-        const size_t name_start = rest.find_first_not_of(' ', at);
-        Json::Value channel;
-        channel["name"] = rest.substr(name_start, colon - name_start);
-        char *end = nullptr;
-        channel["value"] =
-            static_cast<Json::UInt>(std::strtoul(rest.c_str() + colon + 2, &end, 16));
-        channels.append(channel);
-        at = static_cast<size_t>(end - rest.c_str()) + 1;
-    }
-    return channels;
-}
-
 int monitor(Args args)
 {
     const std::optional<LiveOptions> options = live_options(args, false, true);
@@ -212,7 +230,7 @@ int monitor(Args args)
         Json::Value registers(Json::arrayValue);
         std::string text;
         StreamTap errors(2, [&](std::string_view line) {
-            const std::optional<Json::Value> values = monitor_values(line);
+            const std::optional<Json::Value> values = register_values(line, "read");
             if (!values) {
                 refused = refused || setter_refused(line);
                 std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
@@ -255,7 +273,18 @@ int monitor(Args args)
 
 int info(Args args)
 {
-    return without_arguments(args, tervox_show_info);
+    if (!args.empty())
+        return kUsage;
+    Session session;
+    const struct tervox &ctx = session.context();
+    Json::Value channels(Json::arrayValue);
+    for (int32_t ch = 0; ch < std::min<int32_t>(ctx.num_channels, TERVOX_MAX_CHANNELS); ++ch) {
+        Json::Value channel;
+        channel["name"] = ctx.channel_name[ch] ? ctx.channel_name[ch] : "?";
+        channels.append(channel);
+    }
+    result()["channels"] = channels;
+    return zero_is_success(tervox_show_info());
 }
 
 int bypass(Args args)
@@ -270,6 +299,8 @@ int bypass(Args args)
     Session session;
     if (!card0_opens())
         return kNoDevice;
+    result()["state"] = *on ? "on" : "off";
+    result()["channel"] = channel != nullptr ? Json::Value(channel) : Json::Value();
     return controls_written([&] { return tervox_dsp_bypass(channel, *on ? 1 : 0); },
                             "the amplifiers' source was not switched");
 }
@@ -292,14 +323,13 @@ int swap(Args args)
     if (!on)
         return kUsage;
     Session session;
+    result()["state"] = *on ? "on" : "off";
+    result()["dsp"] = dsp;
     if (dsp)
         return controls_written([&] { return tervox_vesk_channel_swap(*on ? 1 : 0); },
                                 "the DSPs' channel balance was not set");
-    if (session.context().channel_swap == nullptr) {
-        std::fprintf(stderr, "tvoxsp: this build has no channel swap in its context; use "
-                             "swap --dsp\n");
-        return kFailed;
-    }
+    if (session.context().channel_swap == nullptr)
+        return fail(kFailed, "this build has no channel swap in its context; use swap --dsp");
     return controls_written([&] { return tervox_channel_swap(*on ? 1 : 0); },
                             "the channels were not swapped");
 }

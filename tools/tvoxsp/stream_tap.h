@@ -5,6 +5,7 @@
 #pragma once
 
 #include "command.h"
+#include "output.h"
 
 #include <cstdio>
 #include <functional>
@@ -58,7 +59,7 @@ std::optional<std::string> player_failure(const std::string &printed);
 
 // Runs a library call that writes card 0 controls; 0 when it succeeded and the setter refused
 // nothing on the way (its message on standard error is the only sign of that), else says so,
-// naming `what`, and gives kFailed.
+// naming `what`, and gives kApplying.
 template <typename Call> int controls_written(Call call, const char *what)
 {
     StreamTap errors(2);
@@ -68,9 +69,9 @@ template <typename Call> int controls_written(Call call, const char *what)
         return kNoDevice;
     if (result == 0 && !refused)
         return 0;
-    std::fprintf(stderr, "tvoxsp: %s: %s\n", what,
-                 refused ? "a control refused the write (see above)" : "the library failed");
-    return kFailed;
+    return fail(kApplying,
+                std::string(what) + ": " +
+                    (refused ? "a control refused the write (see above)" : "the library failed"));
 }
 
 } // namespace tvoxsp
