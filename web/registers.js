@@ -2,6 +2,7 @@
 // and marks each value that changed.
 import { fillTable, hex, live, run, show, showError } from './api.js';
 
+const kMarkMs = 2000;
 const field = (id) => document.getElementById(id).value.trim();
 
 async function access(argv) {
@@ -40,9 +41,11 @@ function startMonitor() {
           row.insertCell().textContent = c.name;
           cells.set(key, row.insertCell());
         }
+        // A changed value stays marked for kMarkMs, long enough to be seen.
         const cell = cells.get(key);
         const text = hex(c.value);
-        cell.className = cell.textContent && cell.textContent !== text ? 'num changed' : 'num';
+        if (cell.textContent && cell.textContent !== text) cell.dataset.changedAt = String(Date.now());
+        cell.className = Date.now() - Number(cell.dataset.changedAt || 0) < kMarkMs ? 'num changed' : 'num';
         cell.textContent = text;
       }
     }

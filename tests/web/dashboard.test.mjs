@@ -96,13 +96,23 @@ test('a tuning file is checked, sent as delta after confirmation, and the driver
   assert.match(await dash.tvoxsim('driver', 'config', '0xA1AF0D'), /100 200 300/);
 });
 
-test('a register reads on both amplifiers', async () => {
+test('a register reads on both amplifiers, and the monitor marks the value a write changed', async () => {
   await tab('registers');
   await page.click('#reg-read');
   await page.waitForFunction(() => document.querySelectorAll('#reg-table tr').length === 3);
   const channels = await page.$$eval('#reg-table tr', (trs) => trs.slice(1).map((tr) => tr.cells[1].textContent));
   assert.deepEqual(channels, ['T', 'B']);
+  await page.$eval('#monitor-registers', (e) => { e.value = '0x2020'; });
+  await page.$eval('#monitor-interval', (e) => { e.value = '50'; });
+  await page.click('#monitor-start');
+  await page.waitForFunction(() => document.querySelectorAll('#monitor-table tr').length === 2);
+  await page.$eval('#reg-value', (e) => { e.value = '0x9'; });
+  await page.click('#reg-write');
+  await page.waitForSelector('#monitor-table td.changed');
+  assert.deepEqual(await page.$$eval('#monitor-table td.changed', (tds) => tds.map((td) => td.textContent)), ['0x9', '0x9']);
   await shot('registers');
+  await page.click('#monitor-stop');
+  await waitText('#monitor-verdict', /exit 0$/);
 });
 
 test('controls are listed, searched and set', async () => {
