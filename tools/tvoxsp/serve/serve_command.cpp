@@ -63,6 +63,12 @@ int serve_main(Args args)
             }
             options.target = *target;
         } else if (option == "--bind") {
+            // The Host check needs the one address the browser uses.
+            if (value == "0.0.0.0" || value == "::" || value.empty()) {
+                std::fprintf(stderr, "tvoxsp serve: --bind takes the address the browser uses, "
+                                     "not a wildcard\n");
+                return kUsage;
+            }
             options.bind = value;
         } else if (option == "--port") {
             const auto port = unsigned_number(value.c_str());
