@@ -13,8 +13,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cxx=clang++-16
+# jsoncpp's headers for the tool (a device has them through libjsoncpp).
 includes=(-Iinclude -Isrc -Iplatform/linux/tinyalsa/include -Iplatform/linux/agm/include
-  -I/usr/include/android)
+  -I/usr/include/android -I/usr/include/jsoncpp)
 common=("$cxx" -std=c++20 -stdlib=libc++ -Wall -Wextra -Werror "${includes[@]}" -c -o /dev/null)
 library=(-fPIC -fno-exceptions -fno-rtti -fvisibility=hidden)
 

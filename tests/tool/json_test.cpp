@@ -96,7 +96,7 @@ TEST_F(TvoxspJsonTest, CalibrateVerifyAndReportAgreeWithTheSimulator)
     EXPECT_EQ(checked("slot read", 0)["cal_r"][1], calibration["channels"][1]["cal_r"]);
     preset_ints(0, "B DSP Set CAL_R", {9000});
     const Json::Value report = checked("report", 8, "mismatch");
-    EXPECT_EQ(report["channels"][1]["dsp"]["cal_r"].asInt(), 9000);
+    EXPECT_EQ(report["channels"][1]["kernel"]["cal_r"].asInt(), 9000);
     EXPECT_FALSE(report["channels"][1]["agree"].asBool());
     EXPECT_TRUE(report["channels"][0]["agree"].asBool());
 }

@@ -397,9 +397,12 @@ TEST_F(TvoxspToolTest, EveryCommandAnswersHelp)
             const CommandResult help = tvoxsp(name + " " + flag);
             EXPECT_EQ(help.status, 0) << name;
             EXPECT_EQ(help.output.rfind("usage: tvoxsp " + name, 0), 0u) << help.output;
+            EXPECT_TRUE(contains(help.output, "\nexample:\n  tvoxsp ")) << help.output;
         }
     }
     EXPECT_EQ(tvoxsp("--help").status, 0);
+    EXPECT_TRUE(contains(tvoxsp("rtlog --help").output, "\n  --count N  stop after N samples\n"));
+    EXPECT_EQ(tvoxsp("--version").output, "tvoxsp " TVOXSP_VERSION "\n");
 }
 
 TEST_F(TvoxspToolTest, SetAndGetEveryKindOfControlInHexOrDecimal)
@@ -570,9 +573,24 @@ TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
         std::string line; // the words typed so far, the last one being completed
         std::string offered;
     } cases[] = {
-        {"pa", "path"},          {"mi", "mixer-test"}, {"path b", "boot_firmware"},
-        {"path --l", "--list"},  {"tuning s", "seal"}, {"module swap o", "on off"},
-        {"play --g", "--graph"}, {"reg u", "update"},  {"get --h", "--help"},
+        {"pa", "path"},
+        {"mi", "mixer-test"},
+        {"path b", "boot_firmware"},
+        {"path --l", "--list"},
+        {"tuning s", "seal"},
+        {"module swap o", "on off"},
+        {"play --g", "--graph"},
+        {"reg u", "update"},
+        {"get --h", "--help"},
+        {"--json ca", "calibrate"},
+        {"-v --json rtlog --c", "--count --csv"},
+        {"monitor 0x2020 --ch", "--changes"},
+        {"controls --n", "--names"},
+        {"path --show amp_of", "amp_off"},
+        {"get T\\ DSP\\ Mo", "T\\ DSP\\ Mode"},
+        {"set -D 0 B\\ PCM\\ S", "B\\ PCM\\ Source"},
+        {"get -D 0 --dsp T\\ DSP\\ Mo", "T\\ DSP\\ Mode"},
+        {"module config \"\"", "0 1 --help"},
     };
     // What the completion offers for `words` (the last one being completed), joined by spaces.
     const auto complete = [](const std::string &words) {
@@ -590,6 +608,29 @@ TEST_F(TvoxspToolTest, BashCompletionOffersCommandsWordsAndPaths)
     // Every command the tool lists completes from its first two letters.
     for (const std::string &name : command_names())
         EXPECT_TRUE(contains(" " + complete(name.substr(0, 2)).output, " " + name + " ")) << name;
+}
+
+TEST_F(TvoxspToolTest, TvoxsimBashCompletionOffersItsCommandsAndWords)
+{
+    const struct {
+        std::string line;
+        std::string offered;
+    } cases[] = {
+        {"sp", "speaker speakers"},
+        {"speaker T --fault sh", "shorted"},
+        {"driver fault io", "ioctl"},
+        {"persist f", "full"},
+        {"control re", "remove refuse restore"},
+        {"journal --c", "--clear"},
+    };
+    for (const auto &c : cases) {
+        const CommandResult completed =
+            run_command("bash -c 'source " TVOXSIM_COMPLETION_PATH "; COMP_WORDS=(" + tool_path() +
+                        " " + c.line +
+                        "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tvoxsim; "
+                        "printf \"%s \" \"${COMPREPLY[@]}\"'");
+        EXPECT_EQ(completed.output, c.offered + " ") << c.line;
+    }
 }
 
 } // namespace

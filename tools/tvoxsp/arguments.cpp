@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include "output.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +38,7 @@ template <typename Int> std::optional<Int> number_in_range(const char *text, con
     const std::optional<long long> value = whole_number(text);
     if (!value || *value < INT64_C(0) + std::numeric_limits<Int>::min() ||
         *value > INT64_C(0) + std::numeric_limits<Int>::max()) {
-        std::fprintf(stderr, "tvoxsp: not %s number: '%s'\n", what, text);
+        tell(text_of("not %s number: '%s'", what, text));
         return std::nullopt;
     }
     return static_cast<Int>(*value);
@@ -72,8 +74,7 @@ std::optional<bool> on_off(std::string_view word)
         return true;
     if (word == "off")
         return false;
-    std::fprintf(stderr, "tvoxsp: expected on or off, not '%.*s'\n", static_cast<int>(word.size()),
-                 word.data());
+    tell(text_of("expected on or off, not '%.*s'", static_cast<int>(word.size()), word.data()));
     return std::nullopt;
 }
 

@@ -454,8 +454,13 @@ int report(Args args)
         std::printf("(the F0 file holds the CAL_R words the diagnostic measured, not Hz)\n");
     int status = 0;
     const std::optional<Words> stored = stored_calibration(ctx, status);
-    const std::array holders = {Holder{"dsp", "the one in use", cal_r_in_use(ctx)}};
+    const std::array holders = {Holder{"kernel", "the one in use", cal_r_in_use(ctx)}};
     const int compared = compare(ctx, stored, holders);
+    // What the DSP reports is shown beside them; `verify` holds it to the stored value too.
+    const std::optional<Words> dsp = dsp_cal_r(ctx);
+    for (Json::ArrayIndex ch = 0; ch < result()["channels"].size(); ++ch)
+        result()["channels"][ch]["dsp"] =
+            resistance_json(dsp ? std::optional((*dsp)[ch]) : std::nullopt);
     return stored ? compared : status;
 }
 

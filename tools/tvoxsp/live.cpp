@@ -75,7 +75,7 @@ std::optional<LiveOptions> live_options(Args args, bool csv_file, bool changes)
         const bool valued = word == "--interval" || word == "--count" || word == "--duration" ||
                             (csv_file && word == "-o");
         if (valued && i + 1 == args.size()) {
-            std::fprintf(stderr, "tvoxsp: %s needs a value\n", args[i]);
+            tell(text_of("%s needs a value", args[i]));
             return std::nullopt;
         }
         if (word == "--interval") {
@@ -83,16 +83,14 @@ std::optional<LiveOptions> live_options(Args args, bool csv_file, bool changes)
             if (!ms)
                 return std::nullopt;
             if (*ms <= 0) {
-                std::fprintf(stderr,
-                             "tvoxsp: the interval is a number of milliseconds above 0, not %s\n",
-                             args[i]);
+                tell(text_of("the interval is a number of milliseconds above 0, not %s", args[i]));
                 return std::nullopt;
             }
             options.interval_ms = *ms;
         } else if (word == "--count") {
             const std::optional<uint32_t> count = unsigned_number(args[++i]);
             if (!count || *count == 0) {
-                std::fprintf(stderr, "tvoxsp: --count takes a number of samples above 0\n");
+                tell("--count takes a number of samples above 0");
                 return std::nullopt;
             }
             options.count = *count;
@@ -101,8 +99,7 @@ std::optional<LiveOptions> live_options(Args args, bool csv_file, bool changes)
             options.duration = std::strtod(args[++i], &end);
             if (*args[i] == '\0' || *end != '\0' || !(options.duration > 0) ||
                 !std::isfinite(options.duration)) {
-                std::fprintf(stderr, "tvoxsp: --duration takes seconds above 0, not '%s'\n",
-                             args[i]);
+                tell(text_of("--duration takes seconds above 0, not '%s'", args[i]));
                 return std::nullopt;
             }
         } else if (csv_file && word == "-o") {
@@ -113,7 +110,7 @@ std::optional<LiveOptions> live_options(Args args, bool csv_file, bool changes)
             options.changes = true;
         } else if (word.starts_with("-") && word.size() > 1 &&
                    word.find_first_not_of("0123456789", 1) != std::string_view::npos) {
-            std::fprintf(stderr, "tvoxsp: unknown option %s\n", args[i]);
+            tell(text_of("unknown option %s", args[i]));
             return std::nullopt;
         } else {
             options.positionals.push_back(args[i]);

@@ -14,8 +14,9 @@
 #include <string_view>
 #include <vector>
 
+// CMake passes the project's version; Android.bp builds without it.
 #ifndef TVOXSP_VERSION
-#define TVOXSP_VERSION "1.0"
+#define TVOXSP_VERSION "0.1"
 #endif
 
 namespace tvoxsp

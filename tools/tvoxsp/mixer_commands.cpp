@@ -283,12 +283,12 @@ int set(Args args)
     const std::string value = value_text(
         Args(rest).subspan(1), ctl != nullptr && mixer_ctl_get_type(ctl) != MIXER_CTL_TYPE_BYTE);
     if (token_count(value) == 0) {
-        std::fprintf(stderr, "tvoxsp: no value for '%s'\n", name);
+        tell(text_of("no value for '%s'", name));
         return kUsage;
     }
     if (token_count(value) > kMaxValueTokens) {
-        std::fprintf(stderr, "tvoxsp: %zu values for '%s': at most %zu are taken\n",
-                     token_count(value), name, kMaxValueTokens);
+        tell(text_of("%zu values for '%s': at most %zu are taken", token_count(value), name,
+                     kMaxValueTokens));
         return kUsage;
     }
     const int32_t written = tervox_tmixer_set(mixer.get(), identifier, value.c_str());
@@ -426,7 +426,7 @@ constexpr std::array kMixerCommands = {
             controls, "-D CARD  the card (default 0)\n--names  the names alone (for completion)",
             "tvoxsp controls --names"},
     Command{"mixer-test", "", "write a known value to a byte control and print what reads back",
-            mixer_test},
+            mixer_test, "", "tvoxsp mixer-test"},
     Command{"path", "NAME | --show NAME | --list",
             "apply one of the library's named mixer paths on card 0; --show: print the control "
             "and value pairs it applies; --list: name every path",

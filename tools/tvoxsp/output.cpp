@@ -77,10 +77,16 @@ int noted(int status, const std::string &message)
     return status;
 }
 
-int fail(int status, const std::string &message)
+void tell(const std::string &message)
 {
     std::fprintf(stderr, "tvoxsp: %s\n", message.c_str());
-    return noted(status, message);
+    noted(0, message);
+}
+
+int fail(int status, const std::string &message)
+{
+    tell(message);
+    return status;
 }
 
 const char *failure_class(int status)

@@ -20,8 +20,10 @@ bool json_output();
 // The command's own fields of the document ("channels", "register", ...).
 Json::Value &result();
 
-// Names the cause of a failure (the first one named is the one reported), prints it as
-// "tvoxsp: MESSAGE" on standard error and gives `status` back.
+// Names the cause of a failure (the first one named is the one reported) and prints it as
+// "tvoxsp: MESSAGE" on standard error.
+void tell(const std::string &message);
+// The same, giving `status` back.
 int fail(int status, const std::string &message);
 // The same for a cause the command's own lines have told already: nothing more is printed.
 int noted(int status, const std::string &message);

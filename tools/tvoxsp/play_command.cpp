@@ -80,7 +80,8 @@ constexpr std::array kPlayCommands = {
             "play a WAV file on card 0 (no FILE: route both amplifiers and play "
             "/sdcard/Music/lrp_loop.wav); --graph: through the calibration's audio graph on "
             "card 100 (no FILE: the silent file), until its end or Ctrl-C",
-            play},
+            play, "--graph  through the calibration's audio graph on card 100",
+            "tvoxsp play /sdcard/Music/lrp_loop.wav"},
 };
 
 } // namespace

@@ -42,12 +42,12 @@ std::optional<std::string> read_file(const char *path)
     struct stat info {
     };
     if (!file || fstat(fileno(file.get()), &info) != 0) {
-        std::fprintf(stderr, "tvoxsp: cannot open %s: %s\n", path, std::strerror(errno));
+        tell(text_of("cannot open %s: %s", path, std::strerror(errno)));
         return std::nullopt;
     }
     if (!S_ISREG(info.st_mode)) {
-        std::fprintf(stderr, "tvoxsp: %s is %s, not a tuning file\n", path,
-                     S_ISDIR(info.st_mode) ? "a directory" : "no regular file");
+        tell(text_of("%s is %s, not a tuning file", path,
+                     S_ISDIR(info.st_mode) ? "a directory" : "no regular file"));
         return std::nullopt;
     }
     std::string text;
@@ -55,7 +55,7 @@ std::optional<std::string> read_file(const char *path)
     for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), file.get())) > 0;)
         text.append(buffer.data(), got);
     if (std::ferror(file.get())) {
-        std::fprintf(stderr, "tvoxsp: cannot read %s: %s\n", path, std::strerror(errno));
+        tell(text_of("cannot read %s: %s", path, std::strerror(errno)));
         return std::nullopt;
     }
     return text;
@@ -328,11 +328,11 @@ int seal(const char *path)
     if (!walk)
         return kFailed;
     if (!refused.empty()) {
-        std::fprintf(stderr, "tvoxsp: %s: %s: nothing sealed\n", path, refused.c_str());
+        tell(text_of("%s: %s: nothing sealed", path, refused.c_str()));
         return kFailed;
     }
     if (*walk != tuning::Walk::done) {
-        std::fprintf(stderr, "tvoxsp: %s: %s\n", path, walk_failure(*walk));
+        tell(text_of("%s: %s", path, walk_failure(*walk)));
         return kFailed;
     }
     size_t line = 0;
@@ -404,7 +404,7 @@ int load(const Loader &loader, const char *path, bool force)
         return kFailed;
     for (const Finding &finding : judgement->findings) {
         const std::string where = finding.line == 0 ? "" : printed("line %zu: ", finding.line);
-        std::fprintf(stderr, "tvoxsp: %s: %s%s\n", path, where.c_str(), finding.text.c_str());
+        tell(text_of("%s: %s%s", path, where.c_str(), finding.text.c_str()));
     }
     if (!judgement->accepted() && !(force && judgement->forcible())) {
         std::fprintf(
@@ -415,7 +415,7 @@ int load(const Loader &loader, const char *path, bool force)
     const size_t mark = library_log_mark();
     if (loader.load(path) != 0) {
         // The file changed since it was judged, or went away.
-        std::fprintf(stderr, "tvoxsp: %s: the library refused it\n", path);
+        tell(text_of("%s: the library refused it", path));
         return kFailed;
     }
     const size_t requests = judgement->words / kChunkWords + 1 + loader.closing_requests;
@@ -458,8 +458,8 @@ int slot(Args args)
             return kUsage;
         // The slot's check word is CAL_R + 1: the largest word has none.
         if (*value == UINT32_MAX) {
-            std::fprintf(stderr, "tvoxsp: %s has no check word: the largest CAL_R is 0xFFFFFFFE\n",
-                         args[channel + 1]);
+            tell(text_of("%s has no check word: the largest CAL_R is 0xFFFFFFFE",
+                         args[channel + 1]));
             return kUsage;
         }
         values[channel] = *value;
@@ -514,7 +514,7 @@ int module(Args args)
             return kUsage;
         // Both types select the swapped order; the library ignores any other.
         if (*type != 0 && *type != 1) {
-            std::fprintf(stderr, "tvoxsp: configuration type %s: the types are 0 and 1\n", args[1]);
+            tell(text_of("configuration type %s: the types are 0 and 1", args[1]));
             return kUsage;
         }
         result()["type"] = *type;

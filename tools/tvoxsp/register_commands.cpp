@@ -343,8 +343,8 @@ int plot(Args args)
 
 constexpr std::array kRegisterCommands = {
     Command{"reg", "read REG | write REG VALUE | update REG MASK VALUE",
-            "read, write or bit-update an amplifier register on every channel (hex or decimal)",
-            reg},
+            "read, write or bit-update an amplifier register on every channel (decimal or 0x hex)",
+            reg, "", "tvoxsp reg update 0x2020 0x8 0x8"},
     Command{"rtlog", "[--interval MS] [--count N] [--duration S] [--csv] [-o FILE]",
             "print the protection firmware's live log (and write /sdcard/Download/rtlog.txt) "
             "until Ctrl-C, SIGTERM, SIGHUP, a closed output, N samples or S seconds",
@@ -355,7 +355,8 @@ constexpr std::array kRegisterCommands = {
             "tvoxsp rtlog --interval 100 --count 50 --csv -o /data/local/tmp/log.csv"},
     Command{"rtlog-plot", "FILE -o OUT.svg|OUT.png",
             "chart a live log file: each channel's columns and maxima over time, active shaded",
-            plot},
+            plot, "-o OUT  the chart, SVG or PNG by its extension",
+            "tvoxsp rtlog-plot rtlog.txt -o rtlog.svg"},
     Command{"monitor", "REG... [--interval MS] [--count N] [--duration S] [--changes]",
             "read the registers on every channel each interval until Ctrl-C, SIGTERM, SIGHUP, a "
             "closed output, N samples or S seconds; each line carries the time of day",
@@ -364,15 +365,17 @@ constexpr std::array kRegisterCommands = {
             "samples\n--duration S  stop after S seconds\n--changes  print only samples that "
             "differ from the previous one",
             "tvoxsp monitor 0x2020 0x4308 --interval 100 --changes"},
-    Command{"info", "", "print the amplifier channels", info},
+    Command{"info", "", "print the amplifier channels", info, "", "tvoxsp --json info"},
     Command{"bypass", "[T|B] on|off", "feed the amplifiers from the audio port (on) or the DSP",
-            bypass},
-    Command{"reload", "", "mute and disable both amplifiers (firmware reload)", reload},
-    Command{"boot", "", "select and boot the protection firmware on both DSPs", boot},
+            bypass, "", "tvoxsp bypass T on"},
+    Command{"reload", "", "mute and disable both amplifiers (firmware reload)", reload, "",
+            "tvoxsp reload"},
+    Command{"boot", "", "select and boot the protection firmware on both DSPs", boot, "",
+            "tvoxsp boot"},
     Command{"swap", "[--dsp] on|off",
             "swap the channels through the context's channel swap (--dsp: in the amplifier "
             "DSPs)",
-            swap},
+            swap, "--dsp  swap in the amplifier DSPs' channel balance", "tvoxsp swap --dsp on"},
 };
 
 } // namespace
