@@ -104,7 +104,11 @@ constexpr std::array kServe = {
             "serve the dashboard: a web page that runs these commands here (inside tvoxsim run "
             "for the virtual pair) or on a phone over adb; prints the URL with its access token "
             "(default 127.0.0.1 port 8470; port 0 takes a free one)",
-            serve_main},
+            serve_main,
+            "--target local|adb[:SERIAL]  run the commands here (default) or on a phone over adb\n"
+            "--bind ADDR  listen on ADDR, the address the browser uses (default 127.0.0.1)\n"
+            "--port N  listen on port N (default 8470; 0: a free port)",
+            "tvoxsp serve --target adb:emulator-5554 --port 8471"},
 };
 
 } // namespace
