@@ -153,8 +153,8 @@ TEST_F(ServeTest, ThePageNeedsTheTokenAndTheCookieCarriesItOn)
     EXPECT_EQ(page->get_header_value("Content-Security-Policy").rfind("default-src 'self'", 0), 0U);
 }
 
-// The stand-in adb hands the joined line to `sh -c`, as adbd does on a phone; the stand-in
-// tvoxsp records the words it got.
+// The stand-in adb hands the joined line to `sh -c`, as adbd does on a phone, in a process of
+// its own that a signal to adb does not reach; the stand-in tvoxsp records the words it got.
 class AdbServeTest : public ServeTest
 {
   protected:
@@ -164,7 +164,7 @@ class AdbServeTest : public ServeTest
         adb_ = folder_file("adb", "#!/bin/sh\n"
                                   "[ \"$1\" = -s ] && shift 2\n"
                                   "case \"$1\" in\n"
-                                  "shell) shift; exec sh -c \"$*\" ;;\n"
+                                  "shell) shift; sh -c \"$*\" & wait $! ;;\n"
                                   "push) cp \"$2\" \"$3\" ;;\n"
                                   "esac\n");
         words_ = sim_dir() + "/words";
@@ -247,36 +247,58 @@ std::vector<Json::Value> objects(const std::string &events)
     return all;
 }
 
-TEST_F(ServeTest, ALiveLogStreamsUntilStoppedAndEndsWithItsEndObject)
+// Streams a live command, asks for its stop after its first sample and returns every object
+// the stream carried.
+std::vector<Json::Value> stop_after_first_sample(httplib::Client &client, int port,
+                                                 const std::string &token, const std::string &argv)
 {
-    start();
-    install_phone();
     std::string events;
     bool stopped = false;
     const std::string path =
-        "/api/live?token=" + token_ +
-        "&argv=" + httplib::detail::encode_query_param("[\"rtlog\",\"--interval\",\"10\"]");
-    client_->Get(path.c_str(), [&](const char *data, size_t size) {
+        "/api/live?token=" + token + "&argv=" + httplib::detail::encode_query_param(argv);
+    client.Get(path.c_str(), [&](const char *data, size_t size) {
         events.append(data, size);
         const size_t id = events.find("\"stream\":");
         if (stopped || id == std::string::npos || events.find("t_ms") == std::string::npos)
             return true;
         Json::Value stop;
         stop["stream"] = std::stoi(events.substr(id + 9));
-        httplib::Client other("127.0.0.1", port_);
+        httplib::Client other("127.0.0.1", port);
         std::ostringstream body;
         body << stop;
-        stopped = other.Post(("/api/stop?token=" + token_).c_str(), body.str(), "application/json")
+        stopped = other.Post(("/api/stop?token=" + token).c_str(), body.str(), "application/json")
                       ->status == 200;
         return true;
     });
     EXPECT_TRUE(stopped) << events;
-    const std::vector<Json::Value> all = objects(events);
-    ASSERT_GE(all.size(), 3U) << events; // started, a sample, the end
+    return objects(events);
+}
+
+TEST_F(ServeTest, ALiveLogStreamsUntilStoppedAndEndsWithItsEndObject)
+{
+    start();
+    install_phone();
+    const std::vector<Json::Value> all =
+        stop_after_first_sample(*client_, port_, token_, "[\"rtlog\",\"--interval\",\"10\"]");
+    ASSERT_GE(all.size(), 3U); // started, a sample, the end
     EXPECT_EQ(all.front()["stream"].asInt(), 1);
-    EXPECT_EQ(all[1]["type"], "sample") << events;
-    EXPECT_EQ(all.back()["type"], "end") << events;
-    EXPECT_EQ(all.back()["exit"], 0) << events;
+    EXPECT_EQ(all[1]["type"], "sample");
+    EXPECT_EQ(all.back()["type"], "end");
+    EXPECT_EQ(all.back()["exit"], 0) << all.back();
+}
+
+// The stop reaches the tool on the phone as SIGINT, so its end line still comes back.
+TEST_F(AdbServeTest, ALiveCommandOnThePhoneStopsCleanly)
+{
+    setenv("TVOXSP_SERVE_REMOTE_TVOXSP", TVOXSP_TOOL_PATH, 1);
+    start({"--target", "adb"});
+    install_phone();
+    const std::vector<Json::Value> all =
+        stop_after_first_sample(*client_, port_, token_, "[\"monitor\",\"0x4308\"]");
+    ASSERT_GE(all.size(), 3U);
+    EXPECT_EQ(all[1]["type"], "sample");
+    EXPECT_EQ(all.back()["type"], "end");
+    EXPECT_EQ(all.back()["ok"], true) << all.back();
 }
 
 // The server's children, from /proc.

@@ -65,9 +65,11 @@ void refuse(httplib::Response &res, int status, const std::string &why)
 struct Live {
     std::unique_ptr<Child> child;
     pid_t pid = -1;
+    std::string remote_pid; // over adb: the tool's process id on the phone
     std::atomic<bool> reaped = false;
     std::string pending; // a line not yet whole
     bool announced = false;
+    bool saw_pid = false;
     bool saw_end = false;
     int64_t started_ms = 0;
     int64_t last_write_ms = 0;
@@ -261,6 +263,17 @@ bool Dashboard::pump(Live &live, int id, httplib::DataSink &sink)
         live.announced = true;
     }
     const bool more = live.child->read_out(live.pending, 200);
+    if (options_.target.adb && !live.saw_pid) {
+        const size_t eol = live.pending.find('\n');
+        if (eol != std::string::npos) {
+            const std::string pid = live.pending.substr(0, eol);
+            live.pending.erase(0, eol + 1);
+            live.saw_pid = true;
+            const std::lock_guard lock(streams_lock_);
+            if (!pid.empty() && pid.find_first_not_of("0123456789") == std::string::npos)
+                live.remote_pid = pid;
+        }
+    }
     const std::string stamp = std::to_string(now_ms());
     for (size_t eol; (eol = live.pending.find('\n')) != std::string::npos;) {
         const std::string line = live.pending.substr(0, eol);
@@ -317,7 +330,7 @@ void Dashboard::live(const httplib::Request &req, httplib::Response &res)
         return refuse(res, 400, error);
     auto live = std::make_shared<Live>();
     live->started_ms = now_ms();
-    live->child = std::make_unique<Child>(options_.target.tool_argv(*args));
+    live->child = std::make_unique<Child>(options_.target.live_argv(*args));
     if (!live->child->running())
         return refuse(res, 500, live->child->error());
     live->pid = live->child->pid();
@@ -347,13 +360,23 @@ void Dashboard::stop(const httplib::Request &req, httplib::Response &res)
     const auto body = json_body(req, res);
     if (!body)
         return;
-    const std::lock_guard lock(streams_lock_);
-    const auto found = streams_.find((*body)["stream"].asInt());
-    if (found == streams_.end() || found->second->reaped)
-        return refuse(res, 404, "no such live command");
-    kill(found->second->pid, SIGINT);
+    const int id = (*body)["stream"].asInt();
+    std::string remote_pid;
+    {
+        const std::lock_guard lock(streams_lock_);
+        const auto found = streams_.find(id);
+        if (found == streams_.end() || found->second->reaped)
+            return refuse(res, 404, "no such live command");
+        remote_pid = found->second->remote_pid;
+        // Here, or over adb before the phone said which process the tool is: adb itself.
+        if (remote_pid.empty())
+            kill(found->second->pid, SIGINT);
+    }
+    // adb would only hang the phone's shell up; the tool's end line would be lost.
+    if (!remote_pid.empty())
+        run_to_end(options_.target.kill_argv(remote_pid));
     Json::Value out;
-    out["stopping"] = found->first;
+    out["stopping"] = id;
     reply(res, 200, out);
 }
 

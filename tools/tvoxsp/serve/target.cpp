@@ -59,6 +59,19 @@ std::vector<std::string> Target::tool_argv(const std::vector<std::string> &args)
     return shell_argv(words);
 }
 
+std::vector<std::string> Target::live_argv(const std::vector<std::string> &args) const
+{
+    std::vector<std::string> argv = tool_argv(args);
+    if (adb)
+        argv.back() = "echo $$ && exec " + argv.back();
+    return argv;
+}
+
+std::vector<std::string> Target::kill_argv(const std::string &remote_pid) const
+{
+    return shell_argv({"kill", "-INT", remote_pid});
+}
+
 std::vector<std::string> Target::push_argv(const std::string &local,
                                            const std::string &remote) const
 {

@@ -20,6 +20,10 @@ struct Target {
     // `tvoxsp --json ARGS...` as an argument vector for exec: never a shell line here; over adb
     // a line for the phone's shell in which every argument is a quoted word.
     std::vector<std::string> tool_argv(const std::vector<std::string> &args) const;
+    // A live command: as tool_argv, but over adb the phone's shell first prints its process id,
+    // then becomes the tool, so that a stop can signal the tool there (kill_argv).
+    std::vector<std::string> live_argv(const std::vector<std::string> &args) const;
+    std::vector<std::string> kill_argv(const std::string &remote_pid) const;
     // A command on the phone, quoted as tool_argv quotes it.
     std::vector<std::string> shell_argv(const std::vector<std::string> &words) const;
     // `adb push LOCAL REMOTE`.
