@@ -114,6 +114,16 @@ TEST_F(TvoxspJsonTest, AFailedMeasurementNamesTheSpeakerAndItsClass)
     const Json::Value diagnosis = checked("diagnose", 5, "measurement");
     EXPECT_TRUE(diagnosis["channels"][0].isMember("f0"));
     checked("verify", 1, "failed"); // nothing stored
+    // SIGTERM ends a measurement at once, as Ctrl-C does, and the document says so.
+    set_speaker(1, 6.0);
+    const tvox::test::CommandResult stopped =
+        run_command("{ " TVOXSP_TOOL_PATH " --json calibrate >" + sim_dir() +
+                    "/out 2>/dev/null & sleep 1; kill -TERM $!; wait $!; echo $?; cat " +
+                    sim_dir() + "/out; }");
+    EXPECT_TRUE(stopped.output.starts_with("130\n")) << stopped.output;
+    EXPECT_NE(stopped.output.find("\"class\" : \"interrupted\""), std::string::npos)
+        << stopped.output;
+    EXPECT_EQ(int_values(0, "B AMP Enable Switch"), std::vector<long>{0});
 }
 
 // Every command, on success and on each kind of failure, prints one document on standard output.
@@ -125,6 +135,7 @@ TEST_F(TvoxspJsonTest, EveryCommandPrintsOneDocument)
         std::string error_class;
     } cases[] = {
         {"info", 0, ""},
+        {"verify --help", 0, ""},
         {"reg read 0x2020", 0, ""},
         {"path amp_off", 0, ""},
         {"path --list", 0, ""},
@@ -293,6 +304,19 @@ TEST_F(TvoxspJsonTest, ControlsGetAndSetShowTheSimulatorsValues)
     EXPECT_EQ(set["values"][1].asInt(), 20);
     EXPECT_LE(set["min"].asInt(), 16);
     checked("get -D 7 1", 3, "no-device");
+    // tvoxsim numbers the controls as tinymix and tvoxsp do.
+    std::istringstream shown(tool("show 0").output);
+    size_t listed = 0;
+    for (std::string line; std::getline(shown, line);) {
+        std::istringstream words(line);
+        unsigned id = 0;
+        if (!(words >> id))
+            continue;
+        ASSERT_LT(id, controls.size()) << line;
+        EXPECT_EQ(line.find("  " + controls[id]["name"].asString() + " "), 5u) << line;
+        ++listed;
+    }
+    EXPECT_EQ(listed, controls.size());
 }
 
 } // namespace
@@ -323,13 +347,17 @@ TEST_F(TvoxspJsonTest, EngineeringCommandsReportWhatTheyDid)
     EXPECT_EQ(int_values(0, "T AMP Enable Switch"), std::vector<long>{0});
     EXPECT_EQ(checked("module config", 0)["types"].size(), 2u);
     EXPECT_EQ(checked("bypass T on", 0)["channel"].asString(), "T");
+    // Options after the positional words.
+    EXPECT_TRUE(checked("swap on --dsp", 0)["dsp"].asBool());
+    EXPECT_EQ(checked("get 'T DSP1 Protection cd RTLOG_COUNT' --dsp -D 0", 0)["dsp_value"].asInt(),
+              0);
 
     const std::string good = folder_file("good.txt", "5,100,200,300,4292077319\n");
     const Json::Value check = checked("tuning check " + good, 0);
     EXPECT_EQ(check["kind"].asString(), "delta");
     EXPECT_TRUE(check["loads"].asBool());
     EXPECT_EQ(check["blocks"][0]["crc"].asUInt(), 4292077319u);
-    EXPECT_EQ(checked("tuning delta " + good, 0)["sent_blocks"].asUInt(), 1u);
+    EXPECT_EQ(checked("tuning delta " + good + " --force", 0)["sent_blocks"].asUInt(), 1u);
     const std::string bad = folder_file("bad.txt", "5,100,200,300,1\n");
     const Json::Value refused = checked("tuning check " + bad, 1, "failed");
     EXPECT_FALSE(refused["loads"].asBool());

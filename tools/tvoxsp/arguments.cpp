@@ -68,6 +68,11 @@ std::optional<std::vector<uint32_t>> unsigned_numbers(Args args)
     return values;
 }
 
+bool take_flag(std::vector<char *> &args, std::string_view flag)
+{
+    return std::erase_if(args, [&](const char *word) { return flag == word; }) != 0;
+}
+
 std::optional<bool> on_off(std::string_view word)
 {
     if (word == "on")

@@ -23,6 +23,9 @@ std::optional<uint32_t> unsigned_number(const char *text);
 std::optional<int32_t> signed_number(const char *text);
 // Every argument as an unsigned 32-bit number, or nothing when one is not.
 std::optional<std::vector<uint32_t>> unsigned_numbers(Args args);
+// Takes `flag` out of `args` wherever it stands (options come before or after the positional
+// words); true when it was there.
+bool take_flag(std::vector<char *> &args, std::string_view flag);
 // "on" or "off".
 std::optional<bool> on_off(std::string_view word);
 

@@ -90,7 +90,7 @@ void print_help(std::FILE *out)
 void print_command_help(const Command &command)
 {
     std::printf("usage: ");
-    print_command_line(stdout, *&command);
+    print_command_line(stdout, command);
     std::printf("  %.*s\n", static_cast<int>(command.summary.size()), command.summary.data());
     if (!command.options.empty()) {
         std::printf("\noptions:\n");
@@ -143,8 +143,10 @@ int main(int argc, char **argv)
         return kUsage;
     }
     const std::string_view name = args[0];
+    // Help is text (on standard error with --json, beside an envelope of success).
     if (is_help_flag(name) || name == "help") {
         print_help(stdout);
+        tvoxsp::finish_output("help", 0);
         return 0;
     }
     const std::vector<Command> commands = all_commands();
@@ -158,6 +160,7 @@ int main(int argc, char **argv)
     }
     if (args.size() == 2 && is_help_flag(args[1])) {
         print_command_help(*command);
+        tvoxsp::finish_output(name, 0);
         return 0;
     }
     const int status = command->run(args.subspan(1));

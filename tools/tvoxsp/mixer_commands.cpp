@@ -171,8 +171,8 @@ int get(Args args)
     const std::optional<unsigned int> card = take_card(args, rest);
     if (!card)
         return kUsage;
-    const bool dsp = !rest.empty() && std::string_view(rest[0]) == "--dsp";
-    if (rest.size() != (dsp ? 2u : 1u))
+    const bool dsp = take_flag(rest, "--dsp");
+    if (rest.size() != 1)
         return kUsage;
     const char *name = rest.back();
     const tvox::MixerHandle mixer = open_card(*card);
@@ -205,8 +205,8 @@ int controls(Args args)
 {
     std::vector<char *> rest;
     const std::optional<unsigned int> card = take_card(args, rest);
-    const bool names = rest.size() == 1 && std::string_view(rest[0]) == "--names";
-    if (!card || rest.size() != (names ? 1u : 0u))
+    const bool names = take_flag(rest, "--names");
+    if (!card || !rest.empty())
         return kUsage;
     const tvox::MixerHandle mixer = open_card(*card);
     if (!mixer)

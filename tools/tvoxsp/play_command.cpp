@@ -1,4 +1,5 @@
 // tvoxsp play: the library's WAV player, its graph playback and the engineering loop file.
+#include "arguments.h"
 #include "command.h"
 #include "output.h"
 #include "stream_tap.h"
@@ -11,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tvoxsp
 {
@@ -36,8 +38,8 @@ std::string why_pcm_is_closed(unsigned int card, unsigned int device)
 
 int play(Args args)
 {
-    const bool graph = !args.empty() && std::string_view(args[0]) == "--graph";
-    const Args files = args.subspan(graph ? 1 : 0);
+    std::vector<char *> files(args.begin(), args.end());
+    const bool graph = take_flag(files, "--graph");
     if (files.size() > 1)
         return kUsage;
     Session session;

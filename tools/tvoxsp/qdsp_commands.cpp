@@ -472,11 +472,12 @@ int slot(Args args)
 
 int tuning_command(Args args)
 {
-    const bool force = args.size() == 3 && std::string_view(args[1]) == "--force";
-    if (args.size() != (force ? 3u : 2u))
+    std::vector<char *> words(args.begin(), args.end());
+    const bool force = take_flag(words, "--force");
+    if (words.size() != 2)
         return kUsage;
-    const std::string_view action = args[0];
-    const char *path = args.back();
+    const std::string_view action = words[0];
+    const char *path = words[1];
     if (action == "check" && !force)
         return check(path);
     if (action == "seal" && !force)

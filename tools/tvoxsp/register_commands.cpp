@@ -317,8 +317,8 @@ int boot(Args args)
 
 int swap(Args args)
 {
-    const bool dsp = !args.empty() && std::string_view(args[0]) == "--dsp";
-    const Args rest = args.subspan(dsp ? 1 : 0);
+    std::vector<char *> rest(args.begin(), args.end());
+    const bool dsp = take_flag(rest, "--dsp");
     const std::optional<bool> on = rest.size() == 1 ? on_off(rest[0]) : std::nullopt;
     if (!on)
         return kUsage;
