@@ -368,3 +368,47 @@ TEST_F(TvoxspJsonTest, EngineeringCommandsReportWhatTheyDid)
 }
 
 } // namespace
+
+namespace
+{
+
+// A station tells the failures of a measurement apart by the exit status alone; the document
+// names the same class and says why.
+TEST_F(TvoxspJsonTest, EachFailureClassHasItsStatus)
+{
+    const struct {
+        std::string fault; // tvoxsim arguments
+        std::string command;
+        int status;
+        std::string error_class;
+        std::string message;
+    } cases[] = {
+        {"speaker B --fault shorted", "calibrate", 5, "measurement", "out of bounds"},
+        {"persist full", "calibrate", 6, "storing", "storing failed"},
+        {"control refuse 'B DSP Set CAL_R'", "calibrate", 7, "applying", "applying failed"},
+        {"control refuse 'T PCM Source'", "bypass on", 7, "applying", "a control refused"},
+        {"driver fault ioctl fetch", "slot read", 1, "failed", "slot cannot be read"},
+        {"driver fault absent", "tuning delta FILE", 3, "no-device", "cannot open"},
+        {"control remove 'T AMP WR Registers'", "reg read 0x2020", 3, "no-device",
+         "register control"},
+    };
+    const std::string file = folder_file("delta.txt", "5,100,200,300,4292077319\n");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.fault);
+        preset_ints(0, "B DSP Set CAL_R", {8391}); // not what the bottom speaker measures
+        ASSERT_EQ(tool(c.fault).status, 0);
+        std::string command = c.command;
+        if (const size_t at = command.find("FILE"); at != std::string::npos)
+            command.replace(at, 4, file);
+        const Json::Value document = checked(command, c.status, c.error_class);
+        EXPECT_NE(document["error"]["message"].asString().find(c.message), std::string::npos)
+            << document["error"]["message"];
+        for (const char *undo :
+             {"speaker B --fault none", "persist normal", "control restore", "driver fault none"})
+            ASSERT_EQ(tool(undo).status, 0) << undo;
+    }
+    preset_ints(0, "B AMP Active Status", {1});
+    checked("calibrate", 4, "busy");
+}
+
+} // namespace

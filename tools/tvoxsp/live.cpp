@@ -49,24 +49,6 @@ std::string clock_stamp()
     return text_of("%s.%03ld", text, now.tv_nsec / 1'000'000L);
 }
 
-namespace
-{
-
-bool write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t put = write(fd, text.data(), text.size());
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0)
-            return false;
-        text.remove_prefix(static_cast<size_t>(put));
-    }
-    return true;
-}
-
-} // namespace
-
 std::optional<LiveOptions> live_options(Args args, bool csv_file, bool changes)
 {
     LiveOptions options;
@@ -210,9 +192,7 @@ void LiveRun::sample(Json::Value json, const std::string &text, const std::strin
         if (!json_line(line))
             stop();
         if (file_ != nullptr) {
-            Json::StreamWriterBuilder builder;
-            builder["indentation"] = "";
-            std::fprintf(file_, "%s\n", Json::writeString(builder, line).c_str());
+            std::fputs(json_text(line).c_str(), file_);
             std::fflush(file_);
         }
     } else if (options_.csv) {

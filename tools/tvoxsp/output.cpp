@@ -29,27 +29,63 @@ Output &output()
     return state;
 }
 
-bool write_all(int fd, const std::string &text)
+// "no-device" for 3, ...: the failure class of a non-zero exit status.
+const char *failure_class(int status)
 {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t put = write(fd, text.data() + done, text.size() - done);
+    switch (status) {
+    case kUsage:
+        return "usage";
+    case kNoDevice:
+        return "no-device";
+    case kBusy:
+        return "busy";
+    case kMeasurement:
+        return "measurement";
+    case kStoring:
+        return "storing";
+    case kApplying:
+        return "applying";
+    case kMismatch:
+        return "mismatch";
+    case kInterrupted:
+        return "interrupted";
+    default:
+        return "failed";
+    }
+}
+
+// {"class": ..., "message": ...}, or null for status 0.
+Json::Value error_of(int status)
+{
+    if (status == 0)
+        return Json::nullValue;
+    Json::Value error;
+    error["class"] = failure_class(status);
+    error["message"] = output().message.empty() ? failure_class(status) : output().message;
+    return error;
+}
+
+} // namespace
+
+bool write_all(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t put = write(fd, text.data(), text.size());
         if (put < 0 && errno == EINTR)
             continue;
         if (put <= 0)
             return false;
-        done += static_cast<size_t>(put);
+        text.remove_prefix(static_cast<size_t>(put));
     }
     return true;
 }
 
-std::string compact(const Json::Value &value)
+std::string json_text(const Json::Value &line)
 {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
-    return Json::writeString(builder, value) + "\n";
+    return Json::writeString(builder, line) + "\n";
 }
-
-} // namespace
 
 void start_output(bool json)
 {
@@ -89,45 +125,9 @@ int fail(int status, const std::string &message)
     return status;
 }
 
-const char *failure_class(int status)
-{
-    switch (status) {
-    case 0:
-        return "none";
-    case kUsage:
-        return "usage";
-    case kNoDevice:
-        return "no-device";
-    case kBusy:
-        return "busy";
-    case kMeasurement:
-        return "measurement";
-    case kStoring:
-        return "storing";
-    case kApplying:
-        return "applying";
-    case kMismatch:
-        return "mismatch";
-    case kInterrupted:
-        return "interrupted";
-    default:
-        return "failed";
-    }
-}
-
-Json::Value error_of(int status)
-{
-    if (status == 0)
-        return Json::nullValue;
-    Json::Value error;
-    error["class"] = failure_class(status);
-    error["message"] = output().message.empty() ? failure_class(status) : output().message;
-    return error;
-}
-
 bool json_line(const Json::Value &line)
 {
-    return write_all(output().json_fd, compact(line));
+    return write_all(output().json_fd, json_text(line));
 }
 
 void set_live_end(const Json::Value &end)

@@ -28,11 +28,6 @@ int fail(int status, const std::string &message);
 // The same for a cause the command's own lines have told already: nothing more is printed.
 int noted(int status, const std::string &message);
 
-// "no-device" for 3, ...: the failure class of an exit status.
-const char *failure_class(int status);
-// {"class": ..., "message": ...}, or null for status 0.
-Json::Value error_of(int status);
-
 // A live command: its lines are objects of their own and its end object replaces the envelope.
 // False when standard output was closed (the reader went away).
 bool json_line(const Json::Value &line);
@@ -40,6 +35,12 @@ void set_live_end(const Json::Value &end);
 
 // Writes the document (envelope and fields) of `command` with `status`; nothing in text mode.
 void finish_output(std::string_view command, int status);
+
+// Writes all of `text` to `fd` (a write cut short by a signal goes on); false when it fails
+// (EPIPE: the reader went away).
+bool write_all(int fd, std::string_view text);
+// A JSON value on one line, newline included.
+std::string json_text(const Json::Value &line);
 
 // printf into a string.
 std::string text_of(const char *format, ...) __attribute__((format(printf, 1, 2)));
