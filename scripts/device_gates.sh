@@ -20,7 +20,8 @@ common=("$cxx" -std=c++20 -stdlib=libc++ -Wall -Wextra -Werror "${includes[@]}" 
 library=(-fPIC -fno-exceptions -fno-rtti -fvisibility=hidden)
 
 mapfile -t library_sources < <(find src -name '*.cpp' | sort)
-mapfile -t tool_sources < <(find tools -name '*.cpp' | sort)
+# `tvoxsp serve` is host only: the device build leaves it out.
+mapfile -t tool_sources < <(find tools -name '*.cpp' -not -path 'tools/tvoxsp/serve/*' | sort)
 
 # Compiles each source with the given flags; prints every failing source's errors
 # and fails when any source fails.

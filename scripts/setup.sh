@@ -16,8 +16,12 @@ packages=(
 # Cross builds for 32- and 64-bit ARM and their emulated tests (scripts/cross.sh; the target's own
 # packages come from scripts/cross_setup.sh). The cross compilers conflict with gcc-multilib.
 packages+=(g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user-static)
+# `tvoxsp serve` (HTTP), its page's npm packages and the browser its tests drive.
+packages+=(libcpp-httplib-dev nodejs npm chromium)
 missing=()
 for p in "${packages[@]}"; do
+  # A Node.js from another source brings its own npm.
+  [ "$p" = npm ] && command -v npm >/dev/null && continue
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
 done
 if ((${#missing[@]})); then
@@ -27,6 +31,10 @@ if ((${#missing[@]})); then
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
+
+# The page's packages as package-lock.json pins them, from npm's cache when it holds them; no
+# browser download (the tests drive Debian's chromium).
+PUPPETEER_SKIP_DOWNLOAD=1 npm ci --prefer-offline --no-audit --no-fund --loglevel=error
 
 build=${1:-build}
 shift || true

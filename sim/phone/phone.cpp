@@ -77,6 +77,15 @@ std::string lrp_loop_wav()
     });
 }
 
+// A 1 kHz tone at 80 % of full scale for 1 s on both channels.
+std::string loud_wav()
+{
+    return wav_file(kRate, [](uint32_t frame, uint16_t) {
+        const double phase = 2 * std::numbers::pi * 1000.0 * frame / kRate;
+        return static_cast<int16_t>(std::lround(0.8 * 32767 * std::sin(phase)));
+    });
+}
+
 int install_phone(const std::string &dir)
 {
     const std::string phone = dir + "/phone";
@@ -90,6 +99,8 @@ int install_phone(const std::string &dir)
     if (int err = write_file(phone + "/odm/etc/audio/silent-3sec.wav", silent_wav()); err != 0)
         return err;
     if (int err = write_file(phone + "/sdcard/Music/lrp_loop.wav", lrp_loop_wav()); err != 0)
+        return err;
+    if (int err = write_file(phone + "/sdcard/Music/loud.wav", loud_wav()); err != 0)
         return err;
     int err = 0;
     const std::unique_ptr<State> state = State::open(dir, err);

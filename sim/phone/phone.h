@@ -4,6 +4,7 @@
 //   phone/odm/etc/backend_conf.xml             back ends of the virtual AGM card
 //   phone/odm/etc/audio/silent-3sec.wav        3 s of silence, 48 kHz, 2 ch, 16 bit
 //   phone/sdcard/Music/lrp_loop.wav            0.5 s tone, left then right, 48 kHz, 2 ch, 16 bit
+//   phone/sdcard/Music/loud.wav                1 s tone at 80 % of full scale on both channels
 //   phone/sdcard/Download/                     real-time log folder
 //   phone/mnt/vendor/persist/audio/            calibration files
 #pragma once
@@ -25,5 +26,7 @@ int install_phone(const std::string &dir);
 // The WAV files of the phone folder, whole: a canonical 44-byte header and the samples.
 std::string silent_wav();
 std::string lrp_loop_wav();
+// Loud enough that the live log shows the coils heating and the protection stepping in.
+std::string loud_wav();
 
 } // namespace tvox::sim

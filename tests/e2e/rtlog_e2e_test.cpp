@@ -4,6 +4,7 @@
 // log shows, not on how long anything took.
 #include "calibration/context_fixture.h"
 #include "mixer/paths.h"
+#include "phone.h"
 
 #include <cmath>
 #include <cstdio>
@@ -15,25 +16,6 @@ namespace
 {
 
 using tvox::test::read_file;
-
-// 1 s of a 1 kHz tone at 80 % of full scale, 48 kHz stereo 16-bit.
-std::string loud_wav()
-{
-    constexpr uint32_t kRate = 48000;
-    constexpr uint32_t kFrames = kRate;
-    std::string samples;
-    for (uint32_t i = 0; i < kFrames; ++i) {
-        const auto value = static_cast<int16_t>(
-            std::lround(0.8 * 32767 * std::sin(2 * M_PI * 1000 * i / static_cast<double>(kRate))));
-        for (int channel = 0; channel < 2; ++channel)
-            samples.append(reinterpret_cast<const char *>(&value), sizeof value);
-    }
-    const auto u32 = [](uint32_t v) { return std::string(reinterpret_cast<const char *>(&v), 4); };
-    const auto u16 = [](uint16_t v) { return std::string(reinterpret_cast<const char *>(&v), 2); };
-    return "RIFF" + u32(36 + static_cast<uint32_t>(samples.size())) + "WAVEfmt " + u32(16) +
-           u16(1) + u16(2) + u32(kRate) + u32(kRate * 4) + u16(4) + u16(16) + "data" +
-           u32(static_cast<uint32_t>(samples.size())) + samples;
-}
 
 struct Columns {
     double var1, combined;
@@ -72,7 +54,7 @@ class RtlogE2eTest : public tvox::test::SimContextTest
 TEST_F(RtlogE2eTest, SilenceLoudPlayAndAShortedSpeakerShowInTheLogAndItsChart)
 {
     ASSERT_EQ(tvox::apply_path(tvox::amp_on_dsp_path), 0);
-    const std::string wav = folder_file("loud.wav", loud_wav());
+    const std::string wav = folder_file("loud.wav", tvox::sim::loud_wav());
     const std::string tvoxsp = TVOXSP_TOOL_PATH;
     // aplay is not ours: it runs without the preload (and its sanitizer runtime).
     const std::string play = "env -u LD_PRELOAD aplay -q -D tvoxsim:0 " + wav;

@@ -62,6 +62,8 @@ std::span<const Command> register_commands();
 std::span<const Command> mixer_commands();
 // The players (play_command.cpp).
 std::span<const Command> play_commands();
+// The dashboard's server, in the host build only (serve/serve_command.cpp).
+std::span<const Command> serve_commands();
 
 // The driver-side commands: slot, tuning, module (qdsp_commands.cpp).
 std::span<const Command> qdsp_commands();

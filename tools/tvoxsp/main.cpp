@@ -47,6 +47,10 @@ std::vector<Command> all_commands()
          {tvoxsp::calibration_commands(), tvoxsp::qdsp_commands(), tvoxsp::mixer_commands(),
           tvoxsp::play_commands(), tvoxsp::register_commands()})
         all.insert(all.end(), more.begin(), more.end());
+#ifdef TVOXSP_SERVE
+    const std::span<const Command> serve = tvoxsp::serve_commands();
+    all.insert(all.end(), serve.begin(), serve.end());
+#endif
     return all;
 }
 
