@@ -1,5 +1,6 @@
 // tvoxsp calibrate, diagnose, report and verify: the measurement runs with the tool's verdict on
 // what was stored and applied, and the stored calibration compared with every place that holds it.
+#include "calibration/results.h"
 #include "command.h"
 #include "mixer/mixer_handle.h"
 #include "mixer/paths.h"
@@ -40,13 +41,13 @@ const char *channel_name(const struct tervox &ctx, size_t ch)
     return ctx.channel_name[ch] ? ctx.channel_name[ch] : "?";
 }
 
-constexpr double kOhmsPerWord = 5.85714 / 8192;
 // The DSPs' CAL_R of an open speaker: no current flows.
 constexpr int32_t kOpenCircuit = 0xFFFFFF;
 
+// In the library's own arithmetic, so the tool prints the digits its reports print.
 double ohms(int32_t cal_r)
 {
-    return cal_r * kOhmsPerWord;
+    return tvox::cal_r_ohms(cal_r);
 }
 
 // "8391 (6.00 ohm)", "16777215 (open circuit)".
